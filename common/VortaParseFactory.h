@@ -1,0 +1,26 @@
+// The factory singleton that makes and owns the one service object of a run.
+#pragma once
+
+#include "common/VortaParse.h"
+
+class VortaParseFactory {
+  public:
+    // The singleton, made on first call.
+    static VortaParseFactory* GetInstance();
+
+    // Deletes the factory and then the service object; either may be missing.
+    static void ReleaseInstance();
+
+    virtual ~VortaParseFactory() = default;
+
+    // The service object. There is one product slot: once it is taken, both return what it holds,
+    // whatever its kind. The factory keeps ownership.
+    virtual VortaParse* CreateRainbow();
+    virtual VortaParse* CreateCorvel();
+
+  private:
+    VortaParseFactory() = default;
+
+    static VortaParseFactory* instance_;
+    static VortaParse* product_;
+};

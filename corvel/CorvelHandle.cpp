@@ -1,0 +1,111 @@
+// The corvel service.
+#include "corvel/CorvelHandle.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <sys/system_properties.h>
+
+#include "common/BoundedFunctions.h"
+#include "common/VortaUtils.h"
+
+namespace {
+
+const std::string kCorvelKey = "CORVEL";
+
+constexpr uint64_t kInitialValue = 0x4A0040000;
+constexpr uint64_t kFactoryPayload = 0x1C85F6FE00;
+constexpr uint64_t kUserPayload = 0x485B6FE00;
+
+}  // namespace
+
+uint64_t CorvelHandle::value_ = 0;
+uint8_t CorvelHandle::valueSet_ = 0;
+
+VortaParse* NewCorvelService() {
+    return new CorvelHandle();
+}
+
+CorvelHandle::CorvelHandle() {
+    value_ = kInitialValue;
+    valueSet_ = 0;
+    VortaLogD("CorvelHandle begin");
+}
+
+CorvelHandle::~CorvelHandle() {
+    free(rbHeader_);
+    rbHeader_ = nullptr;
+    valueSet_ = 0;
+    VortaLogD("CorvelHandle end");
+}
+
+void CorvelHandle::HandleFlow(std::string srvName) {
+    VortaLogI("corvel handle begin", srvName.c_str());
+    GetCorvelFromCmdline();
+    CorrectCorvelData();
+    VortaLogI("corvel handle end");
+}
+
+void CorvelHandle::GetCorvelFromCmdline() {
+    const std::string text = KeyValueFromCmdline(kCorvelKey);
+    if (text.empty()) {
+        VortaLogE("there is no corvel in cmdline");
+        return;
+    }
+    unsigned long long number = 0;
+    if (sscanf_s(text.c_str(), "%llx", &number) < 1) {
+        VortaLogE("sscanf_s corvel data fail");
+    } else {
+        VortaLogI("cmdline convert to number 0x%llx", number);
+        value_ = number;
+    }
+    valueSet_ = 1;
+}
+
+bool CorvelHandle::IsFirstBoot() {
+    if ((value_ & kCorvelCorrected) != 0) {
+        VortaLogI("partition has been correct");
+        return false;
+    }
+    VortaLogI("device first boot");
+    return true;
+}
+
+void CorvelHandle::CorrectCorvelData() {
+    if (IsCommcialVer() || !IsFirstBoot()) {
+        VortaLogD("dont need to correct corvel");
+        return;
+    }
+    CorvelPartInit();
+    char runMode[PROP_VALUE_MAX] = {};
+    (void)property_get(kRunModeProperty.c_str(), runMode, "");
+    CorvelPartWrite(runMode == kFactoryRunMode ? kFactoryPayload : kUserPayload);
+}
+
+void CorvelHandle::CorvelPartInit() {
+    rbHeader_ = static_cast<ReasonHeader*>(malloc(sizeof(ReasonHeader)));
+    if (rbHeader_ == nullptr) {
+        VortaLogE("[%s] rbHeader malloc fail", "CorvelPartInit");
+        return;
+    }
+    (void)memset_s(rbHeader_, sizeof(ReasonHeader), 0, sizeof(ReasonHeader));
+}
+
+void CorvelHandle::CorvelPartWrite(uint64_t value) {
+    value_ = value;
+    valueSet_ = 1;
+    if (rbHeader_ == nullptr) {
+        return;
+    }
+    if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader_, sizeof(ReasonHeader), 0, kModeRawdump) <
+        0) {
+        return;
+    }
+    rbHeader_->corvel = value | kCorvelTag | kCorvelCorrected;
+    VortaLogD("ready to write corvel data %llx", rbHeader_->corvel);
+    if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader_, sizeof(ReasonHeader), 1, kModeRawdump) <
+        0) {
+        VortaLogE("[%s] update corvel part fail", "CorvelPartWrite");
+    } else {
+        VortaLogD("[%s] update corvel part succ", "CorvelPartWrite");
+    }
+}

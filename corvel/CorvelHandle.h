@@ -1,0 +1,40 @@
+// The corvel service: marks the 64-bit record that the boot chain passed on the kernel command line
+// as corrected, in the first eight bytes of rawdump.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+
+#include "handle/VortaHandle.h"
+#include "rainbow/PartitionRecords.h"
+
+class CorvelHandle : public VortaHandle {
+  public:
+    CorvelHandle();
+    ~CorvelHandle() override;
+
+    void HandleFlow(std::string srvName) override;
+
+    // Takes the value over from the command line, if it is there and is a hexadecimal number.
+    void GetCorvelFromCmdline();
+
+    // True while the value lacks the corrected mark.
+    bool IsFirstBoot();
+
+    // Allocates the zeroed header buffer.
+    void CorvelPartInit();
+
+    // Stores `value`, tagged and marked, in bytes 0 to 7 of the header; the other bytes of the
+    // record are written back as they were read.
+    void CorvelPartWrite(uint64_t value);
+
+    // Writes the run mode's default value on a first boot of a build that is not commercial.
+    void CorrectCorvelData();
+
+  private:
+    static uint64_t value_;
+    static uint8_t valueSet_;  // 1 once the value was looked for; for a debugger, nothing reads it
+
+    ReasonHeader* rbHeader_ = nullptr;  // from malloc, owned
+};

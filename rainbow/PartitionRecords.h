@@ -118,10 +118,10 @@ static_assert(offsetof(FulldumpDescriptor, reservedFlag) == 8);
 //     6  user type        24  reserved           52  reserved, to 56
 //     7  reserved
 struct __attribute__((packed)) fulldump_header {
-    uint32_t magic;      // kFulldumpMagic
-    uint8_t reserved0;   // takes no part in the test of the magic
-    uint8_t magicTail;   // kFulldumpMagicTail
-    uint8_t userType;    // first character of the user type property
+    uint32_t magic;     // kFulldumpMagic
+    uint8_t reserved0;  // takes no part in the test of the magic
+    uint8_t magicTail;  // kFulldumpMagicTail
+    uint8_t userType;   // first character of the user type property
     uint8_t reserved1;
     uint32_t reservedFlag;  // kFulldumpReserved when a dump is waiting
     uint8_t reserved2[4];
@@ -144,7 +144,8 @@ constexpr uint32_t kFulldumpMagic = MagicWord("ZZZZ");
 constexpr uint8_t kFulldumpMagicTail = 'Z';
 constexpr uint8_t kFulldumpCrcLength = offsetof(fulldump_header, crc);
 
-// Size of a full dump whose meta record was rebuilt from the descriptor, which names none: 16.5 GiB.
+// Size of a full dump whose meta record was rebuilt from the descriptor, which names none: 16.5
+// GiB.
 constexpr uint64_t kFulldumpRebuiltSize = 17716740096;
 
 // Dump header, the first bytes of a minidump region and of a full dump. Only `flag` has a meaning

@@ -15,15 +15,15 @@ inline const std::string kDataMount = "/data";
 
 // Files below them.
 inline const std::string kHistoryName = "history.log";
-inline const std::string kTmpDumpName = "tmp.bin";       // raw minidump, while it is packed
-inline const std::string kRawdumpName = "rawdump.bin";   // packed minidump
+inline const std::string kTmpDumpName = "tmp.bin";      // raw minidump, while it is packed
+inline const std::string kRawdumpName = "rawdump.bin";  // packed minidump
 inline const std::string kFulldumpName = "fulldump.bin";
-inline const std::string kDoneName = "DONE";             // closes a finished collection
+inline const std::string kDoneName = "DONE";  // closes a finished collection
 inline const std::string kXblAblName = "xbl_abl";
 inline const std::string kLastXblAblName = "last_xbl_abl";
 inline const std::string kLastKmsgName = "last_kmsg";
 inline const std::string kTzLogName = "tz_log";
-inline const std::string kTmpSuffix = "_tmp";            // raw copy of a log, while it is converted
+inline const std::string kTmpSuffix = "_tmp";  // raw copy of a log, while it is converted
 
 // Inputs.
 inline const std::string kPmicPonLogPath = "/proc/pmic_pon_log";
@@ -32,9 +32,7 @@ inline const std::string kBoardIdPath = "/proc/device-tree/rootparam/qcom,boardi
 inline const std::string kOcpKey = "zenta_pmic_ocp_debug.OCP";
 inline const std::string kSreasonKey = "sreason";
 inline const std::string kRebootReasonKey = "reboot_reason";
-inline const std::string kRunModeProperty = "ro.runmode";
 inline const std::string kVendorDeviceProperty = "ro.product.vendor.device";  // no step reads it
-inline const std::string kFactoryRunMode = "factory";
 
 inline const std::string kUnknownSreason = "unknown_sreason";
 inline const std::string kFactoryLibrary = "lib_factory_interface.so";

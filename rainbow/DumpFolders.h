@@ -1,0 +1,31 @@
+// Decisions about the dump folders, as pure functions of names and sizes.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "rainbow/PartitionRecords.h"
+#include "rainbow/RainbowPaths.h"
+
+// The folder below which a dump type's collections lie. Every type but the minidump's means the
+// full dump folder.
+inline const std::string& DumpRoot(uint8_t dumpType) {
+    return dumpType == kDumpTypeMini ? kDumplogRoot : kFulldumplogRoot;
+}
+
+// The limit of the dumplog folder, in bytes.
+constexpr int32_t DumplogLimit(bool isCommercial) {
+    return isCommercial ? kDumplogLimitCommercial : kDumplogLimit;
+}
+
+// Joins a folder and an entry's name; a folder that ends in "/", and an empty one, get no other.
+std::string EntryPath(const std::string& folder, const std::string& name);
+
+// The name that sorts first byte by byte, or empty. Folders are named by their time, in a fixed
+// width, so that is the oldest one; the history file sorts behind them.
+std::string OldestName(const std::vector<std::string>& names);
+
+// Adds a file's size to a sum that wraps at 32 bits.
+int32_t AddSize(int32_t sum, int64_t size);

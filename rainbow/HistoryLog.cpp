@@ -1,0 +1,154 @@
+// The history of reboots, one line a run, and the time stamp that names the run.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "common/BoundedFunctions.h"
+#include "common/VortaUtils.h"
+#include "rainbow/HeaderText.h"
+#include "rainbow/RainbowHandle.h"
+#include "rainbow/RainbowPaths.h"
+
+namespace {
+
+constexpr long kTickNanoseconds = 10;
+constexpr char kTickFormat[] = "-%08lld";
+constexpr char kStampFormat[] = "%Y%m%d%H%M%S";
+constexpr size_t kStampSize = 15;  // 14 digits and the NUL
+
+}  // namespace
+
+std::string RainbowHandle::GetTimeTick() {
+    timespec now;
+    if (memset_s(&now, sizeof(now), 0, sizeof(now)) != 0) {
+        VortaLogE("[%s] ts memset_s fail", "GetTimeTick");
+    }
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    char* text = nullptr;
+    if (asprintf(&text, kTickFormat, static_cast<long long>(now.tv_nsec / kTickNanoseconds)) < 0) {
+        VortaLogE("[%s] asprintf fail", "GetTimeTick");
+        return "";
+    }
+    std::string tick = text;
+    free(text);
+    return tick;
+}
+
+std::string RainbowHandle::GetTimeStamp() {
+    time_t now;
+    if (memset_s(&now, sizeof(now), 0, sizeof(now)) != 0) {
+        VortaLogE("[%s] rawtime memset_s fail", "GetTimeStamp");
+    }
+    (void)time(&now);
+    char stamp[kStampSize] = {};
+    const tm* const local = localtime(&now);
+    if (local != nullptr) {
+        (void)strftime(stamp, sizeof(stamp), kStampFormat, local);
+    }
+    return stamp;
+}
+
+std::string RainbowHandle::GetRecordTime() {
+    std::string time = GetTimeStamp() + GetTimeTick();
+    VortaLogI("[%s] get time [%s]", "GetRecordTime", time.c_str());
+    return time;
+}
+
+int RainbowHandle::HistoryFileOpen() {
+    historyFilePath = kDumplogRoot + "/" + kHistoryName;
+    historyFd =
+        open(historyFilePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kCreationMode);
+    if (historyFd < 0) {
+        VortaLogE("[%s] open file %s errno = %d", "HistoryFileOpen", historyFilePath.c_str(),
+                  errno);
+        return -1;
+    }
+    // The mode above counts only at creation; an existing file is put right as well.
+    DirOrFileSetPerm(historyFd, kFileMode, kOwner, kGroup);
+    return 0;
+}
+
+int RainbowHandle::HistoryFileCheck() {
+    if (HistoryFileOpen() < 0) {
+        return -1;
+    }
+    struct stat status;
+    if (memset_s(&status, sizeof(status), 0, sizeof(status)) != 0) {
+        VortaLogE("[%s] logStat memset_s fail", "HistoryFileCheck");
+    }
+    if (fstat(historyFd, &status) < 0) {
+        VortaLogE("[%s] stat %s fail errno = %d", "HistoryFileCheck", historyFilePath.c_str(),
+                  errno);
+        return -1;
+    }
+    if (status.st_size > kHistoryLimit) {
+        VortaLogI("[%s] history.log too big, need renew", "HistoryFileCheck");
+        DirOrFileRemove(historyFilePath);
+        // The old descriptor stays open until the process ends and keeps the removed file alive.
+        return HistoryFileOpen();
+    }
+    VortaLogD("[%s] history.log less than the size limit", "HistoryFileCheck");
+    return 0;
+}
+
+int RainbowHandle::HistoryFileRecord(const std::string& line) {
+    if (line.empty()) {
+        VortaLogE("invalid input parameter");
+        return -1;
+    }
+    if (historyFd < 0) {
+        VortaLogE("[%s] historyFd is not valid", "HistoryFileRecord");
+        return -1;
+    }
+    if (lseek(historyFd, 0, SEEK_END) < 0) {
+        VortaLogE("[%s] lseek %s fail, errno = %d", "HistoryFileRecord", historyFilePath.c_str(),
+                  errno);
+        return -1;
+    }
+    if (write(historyFd, line.c_str(), line.size()) < 0) {
+        VortaLogE("[%s] write %s fail, errno = %d", "HistoryFileRecord", historyFilePath.c_str(),
+                  errno);
+        return -1;
+    }
+    VortaLogD("[%s] history.log record succ", "HistoryFileRecord");
+    return 0;
+}
+
+void RainbowHandle::HistoryFileUpdate() {
+    VortaLogD("------history log file update beginning...");
+    if (HistoryFileCheck() < 0) {
+        return;
+    }
+    const bool fromPart = IsReasonPartValid();
+    std::string reason;
+    std::string category;
+    if (fromPart) {
+        VortaLogI("[%s] reason generate from part", "HistoryFileUpdate");
+        reason = GetSreasonFromPart();
+        category = HeaderText(*rbHeader, rbHeader->reasonNode.mreasonStr);
+    } else {
+        VortaLogI("[%s] reason generate from cmdline", "HistoryFileUpdate");
+        reason = KeyValueFromCmdline(kSreasonKey);
+        category = KeyValueFromCmdline(kRebootReasonKey);
+    }
+    char* line = nullptr;
+    if (asprintf(&line, kHistoryFormat.c_str(), reason.c_str(), recordTime.c_str(),
+                 category.c_str()) < 0) {
+        VortaLogE("[%s] asprintf fail", "HistoryFileUpdate");
+        return;
+    }
+    if (HistoryFileRecord(line) < 0) {
+        if (fromPart) {  // HistoryFileRecord has said why; nothing more is to be said
+            free(line);
+            return;
+        }
+        VortaLogE("[%s] history file record fail", "HistoryFileUpdate");
+    }
+    VortaLogI("[%s] history = %s", "HistoryFileUpdate", line);
+    free(line);
+    VortaLogD("------history log file update end...");
+}

@@ -1,0 +1,152 @@
+// The rainbow service: finds out why the phone last went down and saves what the boot chain and the
+// previous kernel left in raw partitions. One class; each duty has its own source file.
+#pragma once
+
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "handle/VortaHandle.h"
+#include "rainbow/PartitionRecords.h"
+
+// Set to 1 by IsNormalBoot when the reason header marks an abnormal boot.
+extern uint8_t abnormalBootFlag;
+
+class RainbowHandle : public VortaHandle {
+  public:
+    RainbowHandle();
+    ~RainbowHandle() override;
+
+    // The whole service, see RainbowHandle.cpp for its steps. The name "minidump" leaves out the
+    // history line; every other name means nothing.
+    void HandleFlow(std::string srvName) override;
+
+    // Allocates the buffers, sets build flags and recordTime, reads the reason header. False,
+    // after a log line, if any of it failed.
+    bool RainbowInit();
+
+    // --- Reason header (ReasonHeader.cpp) ---
+
+    // Whether the node holds a usable reason; logs what is wrong.
+    bool IsReasonPartValid();
+    // The detail reason, or "unknown_sreason".
+    std::string GetSreasonFromPart();
+    // Clears the node and writes the whole record back.
+    void UpdatePartReasonHeader();
+    // Stores a derived reason in the node, in memory only. A reason that does not fit in the
+    // field leaves it empty.
+    void RainbowReasonSet(uint32_t category, std::string& reason);
+
+    // --- History log and time stamps (HistoryLog.cpp) ---
+
+    // "-" and 8 digits: tens of nanoseconds in the current second of the monotonic clock.
+    std::string GetTimeTick();
+    // Local date and time, 14 digits.
+    std::string GetTimeStamp();
+    // Time stamp and tick: names this boot's dump folder.
+    std::string GetRecordTime();
+    // These give 0, or -1 after logging why.
+    int HistoryFileOpen();
+    int HistoryFileCheck();
+    int HistoryFileRecord(const std::string& line);
+    // The history step: one line for this boot.
+    void HistoryFileUpdate();
+
+    // --- Device information (DeviceInfo.cpp) ---
+
+    // True in factory mode.
+    bool IsFactoryVer();
+    // Reports an abnormal reboot to the factory library.
+    void UpdateRtDeviceInfo();
+
+    // --- Dump header (DumpHeader.cpp) ---
+
+    // Reads the dump header of `dumpType`; true if it says that a dump is waiting.
+    bool IsDumpPartValid(uint8_t dumpType);
+    // Zeroes the dump header: the dump counts as collected.
+    void UpdatePartDumpHeader(uint8_t dumpType);
+    // Opens or makes the file `name` below the type's root folder, with the service's mode and
+    // owner. `path` receives the full path, also on failure. The caller closes the descriptor; a
+    // negative one is a failure that was logged.
+    int DumpFileCreate(std::string& path, const std::string& name, uint8_t dumpType);
+
+    // --- Boot logs (BootLogs.cpp): each makes a text file in this boot's folder ---
+
+    void XblAblLogUpdate();
+    void LastkmsgUpdate();
+    void TzLogUpdate();
+
+    // --- Dump folders (DumpDirectory.cpp) ---
+
+    // Makes this boot's folder. 0, or -1 if it could not be made (or exists).
+    int DumpDirOpen(uint8_t dumpType);
+    // The entry of the type's root folder that sorts first, or empty. Adds the entries to `count`.
+    std::string DumpFindOldDir(uint8_t dumpType, uint32_t& count);
+    // Bytes in all files below `folder`, wrapping at 32 bits.
+    int32_t GetFolderSize(const std::string& folder);
+    // Appends the full paths of all entries below `folder` that are no folders.
+    void GetDirFiles(const std::string& folder, std::vector<std::string>& files);
+    // Removes the oldest entry of dumplog if that is over its limit.
+    void DumpSizeCheck();
+    // Removes a file, or a folder with its content. Links are followed.
+    void DirOrFileRemove(const std::string& path);
+    // Failures are logged. A negative descriptor is passed over.
+    void DirOrFileSetPerm(int fd, int mode, int user, int group);
+    // Packs tmpDumpPath into rawdumpPath (gzip) and removes the former. 0, or -1.
+    int DumpFileCompress();
+
+    // --- Dump update (DumpUpdate.cpp) ---
+
+    // Collects the logs and the minidump of an abnormal boot (kind 0) or the full dump (kind 1).
+    void DumpFileUpdate(uint8_t kind);
+    // Saves and packs the minidump region and clears its header.
+    void SaveMiniDump(uint8_t kind);
+    bool IsNormalBoot();
+
+    // --- Full dump meta record (FulldumpMeta.cpp) ---
+
+    bool ReadFulldumpMetaInfoFromBootfail(fulldump_header& meta);
+    // Sets the CRC and writes the record.
+    void WriteFulldumpMetaInfoToBootfail(fulldump_header& meta);
+    // True if the user type property differed from the record, which then has the new one.
+    bool UpdateUserType(fulldump_header& meta);
+    bool IsFulldumpReserved(const fulldump_header& meta);
+    // Reads the record, or rebuilds it from rawdump. False if neither was possible.
+    bool InitFullDumpMetaInfo(fulldump_header& meta);
+
+    // --- Full dump checks and board identifier (FulldumpChecks.cpp) ---
+
+    // Takes fulldumpOffset from the meta record; 0 is not valid.
+    bool IsFulldumpOffsetValid();
+    // Whether /data has room for the dump twice over.
+    bool IsDataPartEnough();
+    // Empties the full dump folder.
+    void FullDumpSizeCheck();
+    // Keeps the user type and the board identifier in the reason header current for the boot chain.
+    void SetIsNeedReserveFlag();
+    void SetBoardID();
+
+  private:
+    int WriteReasonHeader();
+    bool SaveBootLog(const std::string& name, const Region& region);
+    void CollectAbnormalBoot();
+    void CollectFullDump();
+    void ClearHeaderOnceStored(int fd, uint8_t kind, const char* operation);
+    bool IsMetaInfoValid(const fulldump_header& meta);
+    bool ReadFulldumpMetaInfoFromRawdump(fulldump_header& meta);
+
+    bool isCommercial = false;
+    bool isRemoteValid = false;
+    int historyFd = -1;
+    std::string historyFilePath;
+    std::string recordTime;
+    std::string tmpDumpPath;
+    std::string rawdumpPath;
+    std::string fulldumpPath;
+    int64_t fulldumpOffset = 0;
+    int64_t fulldumpSize = 0;
+    ReasonHeader* rbHeader = nullptr;  // from malloc, owned
+    fulldump_header fulldumpMeta = {};
+    DumpHeader* dumpHeader = nullptr;  // from malloc, owned; the header read last
+};

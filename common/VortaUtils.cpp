@@ -11,6 +11,10 @@
 
 #include "common/BoundedFunctions.h"
 
+const std::string kUserTypeProperty = "ro.logsystem.usertype";
+const std::string kRunModeProperty = "ro.runmode";
+const std::string kFactoryRunMode = "factory";
+
 namespace {
 
 constexpr char kTag[] = "vorta";

@@ -6,11 +6,11 @@
 #include <type_traits>
 
 // The build's user type as the log system sees it, a small decimal number.
-inline const std::string kUserTypeProperty = "ro.logsystem.usertype";
+extern const std::string kUserTypeProperty;
 
 // The run mode, and its value on a device in the factory.
-inline const std::string kRunModeProperty = "ro.runmode";
-inline const std::string kFactoryRunMode = "factory";
+extern const std::string kRunModeProperty;
+extern const std::string kFactoryRunMode;
 
 // Formats and writes one message, see VortaLogI. `failText` goes to standard error when the message
 // was cut or could not be formatted.

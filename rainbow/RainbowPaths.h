@@ -1,5 +1,5 @@
-// Fixed paths, names, modes and limits of the rainbow service. Texts are process-wide strings,
-// built once before main.
+// Fixed paths, names, modes and limits of the rainbow service. The texts are process-wide strings,
+// built once before main; RainbowPaths.cpp spells them out.
 #pragma once
 
 #include <stdint.h>
@@ -7,40 +7,43 @@
 
 #include <string>
 
-// Folders on the data partition. They exist before the daemon starts; it makes only the folders
-// of single boots below them.
-inline const std::string kDumplogRoot = "/data/vendor/log/reliability/dumplog";
-inline const std::string kFulldumplogRoot = "/data/vendor/log/reliability/fulldumplog";
-inline const std::string kDataMount = "/data";
+// Folders on the data partition, and where it is mounted. They exist before the daemon starts; it
+// makes only the folders of single boots below them.
+extern const std::string kDumplogRoot;
+extern const std::string kFulldumplogRoot;
+extern const std::string kDataMount;
 
 // Files below them.
-inline const std::string kHistoryName = "history.log";
-inline const std::string kTmpDumpName = "tmp.bin";      // raw minidump, while it is packed
-inline const std::string kRawdumpName = "rawdump.bin";  // packed minidump
-inline const std::string kFulldumpName = "fulldump.bin";
-inline const std::string kDoneName = "DONE";  // closes a finished collection
-inline const std::string kXblAblName = "xbl_abl";
-inline const std::string kLastXblAblName = "last_xbl_abl";
-inline const std::string kLastKmsgName = "last_kmsg";
-inline const std::string kTzLogName = "tz_log";
-inline const std::string kTmpSuffix = "_tmp";  // raw copy of a log, while it is converted
+extern const std::string kHistoryName;
+extern const std::string kTmpDumpName;  // raw minidump, while it is packed
+extern const std::string kRawdumpName;  // packed minidump
+extern const std::string kFulldumpName;
+extern const std::string kDoneName;  // closes a finished collection
+extern const std::string kXblAblName;
+extern const std::string kLastXblAblName;
+extern const std::string kLastKmsgName;
+extern const std::string kTzLogName;
+extern const std::string kTmpSuffix;  // raw copy of a log, while it is converted
 
-// Inputs.
-inline const std::string kPmicPonLogPath = "/proc/pmic_pon_log";
-inline const std::string kShipmodePath = "/data/vendor/log/reliability/shipmode_shutdown";
-inline const std::string kBoardIdPath = "/proc/device-tree/rootparam/qcom,boardid";
-inline const std::string kOcpKey = "zenta_pmic_ocp_debug.OCP";
-inline const std::string kSreasonKey = "sreason";
-inline const std::string kRebootReasonKey = "reboot_reason";
-inline const std::string kVendorDeviceProperty = "ro.product.vendor.device";  // no step reads it
+// Inputs: files, keys of the kernel command line, a property that is kept for other tools.
+extern const std::string kPmicPonLogPath;
+extern const std::string kShipmodePath;
+extern const std::string kBoardIdPath;
+extern const std::string kOcpKey;
+extern const std::string kSreasonKey;
+extern const std::string kRebootReasonKey;
+extern const std::string kVendorDeviceProperty;
 
-inline const std::string kUnknownSreason = "unknown_sreason";
-inline const std::string kFactoryLibrary = "lib_factory_interface.so";
+extern const std::string kUnknownSreason;  // the detail reason of a header that holds none
+extern const std::string kFactoryLibrary;
+
+// One line of the history, a format: reason, time of this run, category.
+extern const std::string kHistoryFormat;
 
 // Ownership and modes of what the daemon makes.
 constexpr uid_t kOwner = 0;
-constexpr gid_t kGroup = 1000;  // system
-constexpr mode_t kCreationMode = 0640;
+constexpr gid_t kGroup = 1000;          // system
+constexpr mode_t kCreationMode = 0640;  // of a file, until kFileMode is set
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0775;
 
@@ -48,8 +51,3 @@ constexpr mode_t kFolderMode = 0775;
 constexpr int64_t kHistoryLimit = 1048576;
 constexpr int32_t kDumplogLimitCommercial = 5242880;  // 5 MiB
 constexpr int32_t kDumplogLimit = 83886080;           // 80 MiB
-
-// History line: reason, time of this run, category.
-inline const std::string kHistoryFormat =
-    "system exception core [NA], reason [%s], time [%s], sysreboot [true], bootup_keypoint [NA], "
-    "category [%s]\n";

@@ -136,8 +136,7 @@ void RainbowHandle::HistoryFileUpdate() {
         category = KeyValueFromCmdline(kRebootReasonKey);
     }
     char* line = nullptr;
-    if (asprintf(&line, kHistoryFormat.c_str(), reason.c_str(), recordTime.c_str(),
-                 category.c_str()) < 0) {
+    if (asprintf(&line, kHistoryFormat, reason.c_str(), recordTime.c_str(), category.c_str()) < 0) {
         VortaLogE("[%s] asprintf fail", "HistoryFileUpdate");
         return;
     }

@@ -26,7 +26,3 @@ const std::string kVendorDeviceProperty = "ro.product.vendor.device";
 
 const std::string kUnknownSreason = "unknown_sreason";
 const std::string kFactoryLibrary = "lib_factory_interface.so";
-
-const std::string kHistoryFormat =
-    "system exception core [NA], reason [%s], time [%s], sysreboot [true], bootup_keypoint [NA], "
-    "category [%s]\n";

@@ -38,7 +38,9 @@ extern const std::string kUnknownSreason;  // the detail reason of a header that
 extern const std::string kFactoryLibrary;
 
 // One line of the history, a format: reason, time of this run, category.
-extern const std::string kHistoryFormat;
+inline constexpr char kHistoryFormat[] =
+    "system exception core [NA], reason [%s], time [%s], sysreboot [true], bootup_keypoint [NA], "
+    "category [%s]\n";
 
 // Ownership and modes of what the daemon makes.
 constexpr uid_t kOwner = 0;

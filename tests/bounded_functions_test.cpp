@@ -1,0 +1,209 @@
+// The result codes of the bounded functions and what each does to its destination.
+#include "common/BoundedFunctions.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+namespace {
+
+constexpr size_t kTooMuch = kBoundedMax + 1;
+
+// Runs against an 8-byte destination holding "dddddddd" inside a guarded buffer.
+struct Destination {
+    char bytes[17];
+    char* const dest = bytes + 4;
+
+    Destination() {
+        memset(bytes, 'g', sizeof(bytes));
+        memset(dest, 'd', 8);
+        bytes[16] = '\0';
+    }
+    std::string content() const { return std::string(dest, 8); }
+    bool guardsHold() const {
+        return memcmp(bytes, "gggg", 4) == 0 && memcmp(dest + 8, "gggg", 4) == 0;
+    }
+};
+
+const std::string kUntouched = "dddddddd";
+const std::string kCleared(8, '\0');
+
+TEST(MemcpyS, CodesAndEffects) {
+    const char source[] = "abcdefghijkl";
+    const struct {
+        const char* name;
+        const char* src;
+        size_t destMax, count;
+        int code;
+        std::string content;
+    } cases[] = {
+        {"fits", source, 8, 8, 0, "abcdefgh"},
+        {"nothing", source, 8, 0, 0, kUntouched},
+        {"no size", source, 0, 1, 34, kUntouched},
+        {"size too large", source, kTooMuch, 1, 34, kUntouched},
+        {"no source", nullptr, 8, 1, 150, kCleared},
+        {"too much", source, 8, 9, 162, kCleared},
+    };
+    for (const auto& c : cases) {
+        Destination d;
+        EXPECT_EQ(memcpy_s(d.dest, c.destMax, c.src, c.count), c.code) << c.name;
+        EXPECT_EQ(d.content(), c.content) << c.name;
+        EXPECT_TRUE(d.guardsHold()) << c.name;
+    }
+    EXPECT_EQ(memcpy_s(nullptr, 8, source, 1), 22);
+}
+
+TEST(MemcpyS, OverlapInEitherDirectionClears) {
+    for (const int shift : {-1, 0, 1, 3}) {
+        Destination d;
+        EXPECT_EQ(memcpy_s(d.dest, 8, d.dest + shift, 4), 182) << shift;
+        EXPECT_EQ(d.content(), kCleared) << shift;
+    }
+    Destination adjacent;
+    memcpy(adjacent.dest + 4, "abcd", 4);
+    EXPECT_EQ(memcpy_s(adjacent.dest, 4, adjacent.dest + 4, 4), 0);
+    EXPECT_EQ(adjacent.content(), "abcdabcd");
+}
+
+TEST(MemsetS, CodesAndEffects) {
+    const struct {
+        size_t destMax, count;
+        int code;
+        std::string content;
+    } cases[] = {
+        {8, 3, 0, "xxxddddd"},         {0, 0, 0, kUntouched},   {0, 1, 34, kUntouched},
+        {kTooMuch, 1, 34, kUntouched}, {8, 9, 162, "xxxxxxxx"},
+    };
+    for (const auto& c : cases) {
+        Destination d;
+        EXPECT_EQ(memset_s(d.dest, c.destMax, 'x', c.count), c.code);
+        EXPECT_EQ(d.content(), c.content);
+        EXPECT_TRUE(d.guardsHold());
+    }
+    EXPECT_EQ(memset_s(nullptr, 8, 0, 1), 22);
+}
+
+TEST(StrncpyS, CodesAndEffects) {
+    const std::string emptied = std::string(1, '\0') + "ddddddd";
+    const struct {
+        const char* name;
+        size_t destMax;
+        const char* src;
+        size_t count;
+        int code;
+        std::string content;
+    } cases[] = {
+        {"whole text", 8, "abc", 3, 0, std::string("abc\0dddd", 8)},
+        {"count limits", 8, "abcdef", 2, 0, std::string("ab\0ddddd", 8)},
+        {"large count, short text", 8, "abc", 100, 0, std::string("abc\0dddd", 8)},
+        {"no room for the terminator", 8, "abcdefgh", 8, 162, emptied},
+        {"exactly full", 8, "abcdefgh", 7, 0, std::string("abcdefg\0", 8)},
+        {"no size", 0, "abc", 3, 34, kUntouched},
+        {"size too large", kTooMuch, "abc", 3, 34, kUntouched},
+        {"no source", 8, nullptr, 3, 150, emptied},
+        {"nothing", 8, "abc", 0, 0, emptied},
+        {"count too large", 8, "abc", kTooMuch, 162, emptied},
+    };
+    for (const auto& c : cases) {
+        Destination d;
+        EXPECT_EQ(strncpy_s(d.dest, c.destMax, c.src, c.count), c.code) << c.name;
+        EXPECT_EQ(d.content(), c.content) << c.name;
+        EXPECT_TRUE(d.guardsHold()) << c.name;
+    }
+    EXPECT_EQ(strncpy_s(nullptr, 8, "abc", 3), 22);
+    char text[16] = "abcdef";
+    EXPECT_EQ(strncpy_s(text + 2, 8, text, 6), 182);
+    EXPECT_STREQ(text, "ab");
+}
+
+int Format(char* dest, size_t destMax, size_t count, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int result = vsnprintf_s(dest, destMax, count, format, args);
+    va_end(args);
+    return result;
+}
+
+TEST(VsnprintfS, CodesAndEffects) {
+    const struct {
+        size_t destMax, count;
+        const char* text;
+        int result;
+        std::string kept;
+    } cases[] = {
+        {8, 7, "1234567", 7, "1234567"},  // fits to the last character
+        {8, 7, "12345678", -1, "1234567"},
+        {8, 3, "12345", -1, "123"},  // cut at the count, far from the buffer's end
+        {8, 8, "1234567", 7, "1234567"},
+        {8, 8, "12345678", -1, ""},  // the count leaves no room: emptied
+        {0, 3, "12", -1, "dddddddd"},
+        {8, kBoundedMax, "12", -1, ""},
+    };
+    for (const auto& c : cases) {
+        Destination d;
+        EXPECT_EQ(Format(d.dest, c.destMax, c.count, "%s", c.text), c.result) << c.text;
+        EXPECT_EQ(d.content().substr(0, c.kept.size()), c.kept) << c.text;
+        EXPECT_TRUE(c.destMax == 0 || d.dest[c.kept.size()] == '\0') << c.text;
+        EXPECT_TRUE(d.guardsHold());
+    }
+    Destination d;
+    EXPECT_EQ(Format(nullptr, 8, 7, "x"), -1);
+    EXPECT_EQ(Format(d.dest, 8, 7, nullptr), -1);
+    EXPECT_EQ(d.dest[0], '\0');
+}
+
+TEST(SscanfS, RefusesInputThatCannotBeScanned) {
+    int number = 7;
+    EXPECT_EQ(sscanf_s(nullptr, "%d", &number), -1);
+    EXPECT_EQ(sscanf_s("1", nullptr), -1);
+    EXPECT_EQ(sscanf_s("", "%d", &number), -1);
+    EXPECT_EQ(sscanf_s("   ", "%d", &number), -1);  // ends before the first field
+    EXPECT_EQ(sscanf_s("x", "%d", &number), 0);
+    EXPECT_EQ(number, 7);
+}
+
+TEST(SscanfS, TextFieldsStayInTheirRoom) {
+    const struct {
+        const char* input;
+        const char* format;
+        size_t room;
+        int fields;
+        std::string content;
+    } cases[] = {
+        {"abc", "%s", 4, 1, "abc"},      {"abcd", "%s", 4, 0, ""},
+        {"abcd", "%3s", 4, 1, "abc"},    {"abc def", "%s", 4, 1, "abc"},
+        {"abcx", "%[abc]", 4, 1, "abc"}, {"abca", "%[abc]", 4, 0, ""},
+        {"]a-", "%[]a]", 4, 1, "]a"},    {"xyz]", "%[^]]", 4, 1, "xyz"},
+        {"k=v", "k=%s", 2, 1, "v"},      {"ab", "%s", 0, 0, "dddddddd"},
+        {"ab", "%s", 1, 0, ""},          {"100%ab", "100%%%s", 3, 1, "ab"},
+    };
+    for (const auto& c : cases) {
+        Destination d;
+        EXPECT_EQ(sscanf_s(c.input, c.format, d.dest, c.room), c.fields) << c.input << c.format;
+        EXPECT_EQ(d.content().substr(0, c.content.size()), c.content) << c.input << c.format;
+        EXPECT_TRUE(d.guardsHold());
+    }
+    Destination d;
+    EXPECT_EQ(sscanf_s("abcd", "%4c", d.dest, size_t{4}), 1);
+    EXPECT_EQ(d.content(), "abcddddd");
+    EXPECT_EQ(sscanf_s("abcde", "%5c", d.dest, size_t{4}), 0);
+}
+
+TEST(SscanfS, MixedConversionsAndPositions) {
+    unsigned long long number = 0;
+    char word[8];
+    int end = 0;
+    EXPECT_EQ(sscanf_s(" 0x1F key:rest", "%llx %[a-z]:%*s%n", &number, word, sizeof(word), &end),
+              2);
+    EXPECT_EQ(number, 0x1Fu);
+    EXPECT_STREQ(word, "key");
+    EXPECT_EQ(end, 14);
+    // A field that does not fit ends the scan; what came before it counts.
+    EXPECT_EQ(sscanf_s("12 toolongword 34", "%llu %s %d", &number, word, sizeof(word), &end), 1);
+    EXPECT_EQ(number, 12u);
+    EXPECT_STREQ(word, "");
+    EXPECT_EQ(end, 14);
+}
+
+}  // namespace

@@ -1,0 +1,333 @@
+// Runs the unmodified daemon on a simulated device.
+#include "device/Sandbox.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <nlohmann/json.hpp>
+
+#include "device/DeviceFolder.h"
+#include "device/LogSocket.h"
+#include "device/LoopDevice.h"
+#include "device/Process.h"
+
+namespace fs = std::filesystem;
+
+namespace vortadev {
+
+namespace {
+
+// A small /data starts with the device's content and is copied back at the end, by the device's
+// own tools: "$@" is the daemon's command line.
+const char kWithSmallData[] =
+    "/system/bin/toybox cp -a /.data/. /data/ || exit 121\n"
+    "\"$@\"\n"
+    "status=$?\n"
+    "cd /.data && /system/bin/toybox rm -rf -- * .[!.]* && /system/bin/toybox cp -a /data/. "
+    "/.data/ ||"
+    " exit 122\n"
+    "exit $status\n";
+constexpr int kDataDoesNotFit = 121;
+constexpr int kDataNotCopiedBack = 122;
+
+const char* const kPassedOn[] = {"ASAN_OPTIONS", "UBSAN_OPTIONS",     "LSAN_OPTIONS",
+                                 "GCOV_PREFIX",  "GCOV_PREFIX_STRIP", "TZ"};
+
+using Arguments = std::vector<std::string>;
+
+void Add(Arguments& arguments, const Arguments& more) {
+    arguments.insert(arguments.end(), more.begin(), more.end());
+}
+
+// Bubblewrap with the namespaces that it needs for this user.
+Arguments BubbleWrap() {
+    Arguments arguments = {"bwrap"};
+    if (geteuid() != 0) {
+        // Group 1000 inside, so that giving a file to it succeeds, without effect on disk.
+        Add(arguments, {"--unshare-user", "--uid", "0", "--gid", "1000"});
+    }
+    Add(arguments, {"--unshare-pid", "--die-with-parent"});
+    return arguments;
+}
+
+// Asks once a process whether sandboxes can be made here; throws with the reason if not.
+void RequireSandbox() {
+    static const std::string refusal = [] {
+        Arguments arguments = BubbleWrap();
+        Add(arguments, {"--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "/bin/true"});
+        const Fd null = OpenFile("/dev/null", O_RDWR);
+        Pipe errors = MakePipe();
+        SpawnOptions options;
+        options.in = options.out = null.Get();
+        options.err = errors.writer.Get();
+        try {
+            Child child = Spawn(arguments, options);
+            errors.writer.Reset();
+            std::string text;
+            while (ReadAvailable(errors.reader.Get(), text)) {
+            }
+            return child.Wait() == 0 ? "" : "this machine forbids sandboxes: " + text;
+        } catch (const DeviceError& error) {
+            return std::string(error.what()) + "; install the package bubblewrap";
+        }
+    }();
+    if (!refusal.empty()) {
+        throw DeviceError(Printable(refusal.substr(0, refusal.find('\n'))));
+    }
+}
+
+// What a run needs besides the sandbox itself; put back when it goes.
+struct Resources {
+    Resources(const fs::path& device, bool loop)
+        : folder(OpenFile(device, O_RDONLY | O_DIRECTORY)) {
+        if (flock(folder.Get(), LOCK_EX | LOCK_NB) != 0) {
+            throw DeviceError(device.string() + " is in use by another run");
+        }
+        log.emplace(device);
+        for (const std::string& name :
+             {kRawdumpPartition, kUserdataPartition, kBootfailPartition}) {
+            if (loop && fs::exists(device / kPartitionFolder / name)) {
+                loops.emplace_back(name, LoopDevice(device / kPartitionFolder / name));
+            }
+        }
+    }
+
+    Fd folder;
+    std::optional<LogSocket> log;
+    std::vector<std::pair<std::string, LoopDevice>> loops;
+};
+
+Arguments PartitionMounts(const fs::path& device, const RunOptions& options,
+                          const Resources& resources) {
+    if (!options.loop) {
+        return {"--bind", device / "dev/block", "/dev/block"};
+    }
+    const std::string folder = "/" + kPartitionFolder;
+    Arguments arguments = {"--dir", folder};
+    for (const auto& [name, loop] : resources.loops) {
+        Add(arguments, {"--dev-bind", loop.Path(), folder + "/" + name});
+    }
+    return arguments;
+}
+
+Arguments DataMounts(const fs::path& device, const RunOptions& options) {
+    const std::string data = device / "data";
+    if (options.dataSize) {
+        return {"--bind",  data,   "/.data", "--size", std::to_string(*options.dataSize),
+                "--tmpfs", "/data"};
+    }
+    return {options.readOnlyData ? "--ro-bind" : "--bind", data, "/data"};
+}
+
+Arguments Environment(const RunOptions& options) {
+    std::map<std::string, std::string> environment = {{"PATH", "/system/bin:/vendor/bin"},
+                                                      {"LD_LIBRARY_PATH", "/vendor/lib64"}};
+    for (const char* name : kPassedOn) {
+        if (const char* value = getenv(name)) {
+            environment[name] = value;
+        }
+    }
+    Arguments arguments = {"--clearenv"};
+    for (const auto& [name, value] : options.environment) {
+        environment[name] = value;
+    }
+    for (const auto& [name, value] : environment) {
+        Add(arguments, {"--setenv", name, value});
+    }
+    return arguments;
+}
+
+// The command inside the sandbox, and the programs of the host that it takes.
+Arguments Command(const RunOptions& options) {
+    Arguments mounts;
+    Arguments command;
+    if (options.dataSize) {
+        command = {"/system/bin/sh", "-c", kWithSmallData, "sh"};
+    }
+    if (!options.wrapper.empty()) {
+        Add(mounts, {"--ro-bind", options.wrapper.front(), "/.wrapper"});
+        command.push_back("/.wrapper");
+        command.insert(command.end(), options.wrapper.begin() + 1, options.wrapper.end());
+    }
+    if (!options.emulator.empty()) {
+        Add(mounts, {"--ro-bind", options.emulator, "/qemu"});
+        command.push_back("/qemu");
+    }
+    command.push_back(options.program);
+    Add(command, options.args);
+    mounts.push_back("--");
+    Add(mounts, command);
+    return mounts;
+}
+
+Arguments SandboxArguments(const fs::path& device, const RunOptions& options,
+                           const Resources& resources, int statusFd) {
+    const fs::path daemon = options.daemon.empty() ? DefaultDaemon() : options.daemon;
+    Arguments arguments = BubbleWrap();
+    Add(arguments, {"--json-status-fd", std::to_string(statusFd)});
+    Add(arguments, Environment(options));
+    Add(arguments, {"--ro-bind",
+                    "/usr/lib",
+                    "/usr/lib",
+                    "--ro-bind-try",
+                    "/usr/lib64",
+                    "/usr/lib64",
+                    "--ro-bind-try",
+                    "/usr/share/zoneinfo",
+                    "/usr/share/zoneinfo",
+                    "--symlink",
+                    "usr/lib",
+                    "/lib",
+                    "--symlink",
+                    "usr/lib64",
+                    "/lib64",
+                    "--ro-bind",
+                    device / "system",
+                    "/system",
+                    "--symlink",
+                    "system/bin",
+                    "/bin",
+                    "--ro-bind",
+                    device / "vendor",
+                    "/vendor",
+                    "--ro-bind",
+                    daemon,
+                    "/vendor/bin/vorta",
+                    "--dev",
+                    "/dev"});
+    Add(arguments, PartitionMounts(device, options, resources));
+    Add(arguments, {"--bind", resources.log->Path(), "/dev/log"});
+    Add(arguments, DataMounts(device, options));
+    Add(arguments, {"--proc", "/.proc", "--ro-bind", device / "proc", "/proc", "--chdir", "/"});
+    for (const auto& [host, sandbox] : options.binds) {
+        Add(arguments, {"--bind", fs::absolute(host), sandbox});
+    }
+    for (const std::string& capability : options.dropCapabilities) {
+        Add(arguments, {"--cap-drop", capability});
+    }
+    Add(arguments, Command(options));
+    return arguments;
+}
+
+// The value of a member in what bubblewrap tells about the sandbox, a JSON object a line.
+std::optional<int> StatusMember(const std::string& status, const char* member) {
+    for (size_t line = 0; line < status.size();) {
+        const size_t end = std::min(status.find('\n', line), status.size());
+        const auto object = nlohmann::json::parse(status.substr(line, end - line), nullptr,
+                                                  /*allow_exceptions=*/false);
+        if (object.is_object() && object.contains(member)) {
+            return object[member].get<int>();
+        }
+        line = end + 1;
+    }
+    return std::nullopt;
+}
+
+// Ends the sandbox: with its first process all others in it go. Bubblewrap reports that end.
+void Kill(const Child& bubbleWrap, const std::string& status) {
+    (void)kill(StatusMember(status, "child-pid").value_or(bubbleWrap.pid), SIGKILL);
+}
+
+RunResult Run(const Arguments& arguments, const RunOptions& options, Pipe status, LogSocket& log,
+              const HeldSignals& signals) {
+    RunResult result;
+    Pipe out = MakePipe();
+    Pipe err = MakePipe();
+    const Fd null = OpenFile("/dev/null", O_RDONLY);
+    SpawnOptions spawn;
+    spawn.umask = options.umask;
+    spawn.inherited = status.writer.Get();
+    if (options.capture) {
+        spawn.in = null.Get();
+        spawn.out = out.writer.Get();
+        spawn.err = err.writer.Get();
+    }
+    Child child = Spawn(arguments, spawn);
+    out.writer.Reset();
+    err.writer.Reset();
+    status.writer.Reset();
+
+    std::string told;
+    const auto drain = [&] {
+        log.Drain();
+        return true;
+    };
+    const std::vector<Source> sources = {
+        {log.Get(), drain},
+        {status.reader.Get(), [&] { return ReadAvailable(status.reader.Get(), told); }},
+        {out.reader.Get(), [&] { return ReadAvailable(out.reader.Get(), result.out); }},
+        {err.reader.Get(), [&] { return ReadAvailable(err.reader.Get(), result.err); }}};
+    const Ending ending = Supervise(child, sources, signals.Get(), options.timeout);
+    if (ending != Ending::kEnded) {
+        Kill(child, told);
+        (void)Supervise(child, sources, -1, std::chrono::milliseconds(0));
+    }
+    const int wrapperStatus = child.Wait();
+    for (const Source& source : sources) {
+        while (source.fd != log.Get() && source.ready()) {
+        }
+    }
+    log.Drain();
+    result.timedOut = ending == Ending::kTimedOut;
+    result.status = StatusMember(told, "exit-code").value_or(wrapperStatus);
+    result.log = log.Lines();
+    if (ending == Ending::kEnded && !StatusMember(told, "exit-code")) {
+        throw DeviceError("bubblewrap could not set up the sandbox" +
+                          (result.err.empty() ? "" : ": " + Printable(result.err)));
+    }
+    return result;
+}
+
+void RequireRunnable(const fs::path& device, const RunOptions& options) {
+    if (!IsDevice(device)) {
+        throw DeviceError(device.string() + " is no simulated device; vortadev create makes one");
+    }
+    if ((options.loop || !options.dropCapabilities.empty()) && geteuid() != 0) {
+        throw DeviceError("loop devices and dropped capabilities need root");
+    }
+    const fs::path daemon = options.daemon.empty() ? DefaultDaemon() : options.daemon;
+    Arguments programs = {daemon};
+    if (!options.wrapper.empty()) {
+        programs.push_back(options.wrapper.front());
+    }
+    if (!options.emulator.empty()) {
+        programs.push_back(options.emulator);
+    }
+    for (const std::string& program : programs) {
+        if (!fs::is_regular_file(program) || access(program.c_str(), X_OK) != 0) {
+            throw DeviceError(program + " is no program; expected the path of an executable file");
+        }
+    }
+    RequireSandbox();
+}
+
+}  // namespace
+
+RunResult RunDaemon(const fs::path& device, const RunOptions& options) {
+    const fs::path folder = fs::absolute(device);
+    RequireRunnable(folder, options);
+    // Outermost, so that a signal is delivered when all else is put back.
+    const HeldSignals signals(options.interactive);
+    Resources resources(folder, options.loop);
+    Pipe status = MakePipe();
+    const Arguments arguments = SandboxArguments(folder, options, resources, status.writer.Get());
+    const RunResult result = Run(arguments, options, std::move(status), *resources.log, signals);
+    if (options.dataSize && result.status == kDataDoesNotFit) {
+        throw DeviceError("the device's /data does not fit into " + SizeText(*options.dataSize));
+    }
+    if (options.dataSize && result.status == kDataNotCopiedBack) {
+        throw DeviceError("the small /data could not be copied back into " + folder.string());
+    }
+    return result;
+}
+
+fs::path DefaultDaemon() {
+    const fs::path beside = ProgramFolder() / "vorta";
+    return fs::exists(beside) ? beside : fs::path(VORTADEV_DAEMON);
+}
+
+}  // namespace vortadev

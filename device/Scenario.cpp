@@ -1,0 +1,53 @@
+// Where shipped scenarios are, and where the log regions lie.
+#include "device/Scenario.h"
+
+#include <algorithm>
+
+#include "rainbow/RainbowPaths.h"
+
+namespace fs = std::filesystem;
+
+namespace vortadev {
+
+namespace {
+
+// Shipped scenarios: in the source tree while it is there, else beside the program.
+fs::path ScenarioFolder() {
+    const fs::path source = VORTADEV_SCENARIOS;
+    return fs::is_directory(source) ? source : ProgramFolder() / "scenarios";
+}
+
+}  // namespace
+
+const std::vector<LogRegion>& LogRegions() {
+    static const std::vector<LogRegion> regions = {{kXblAblName, kXblAblRegion},
+                                                   {kLastXblAblName, kLastXblAblRegion},
+                                                   {kLastKmsgName, kLastKmsgRegion},
+                                                   {kTzLogName, kTzLogRegion}};
+    return regions;
+}
+
+Scenario LoadScenario(const std::string& nameOrPath) {
+    fs::path path = nameOrPath;
+    if (path.filename() == path && path.extension() != ".json") {
+        path = ScenarioFolder() / (nameOrPath + ".json");
+        if (!fs::exists(path)) {
+            throw DeviceError("no shipped scenario is called " + Printable(nameOrPath) +
+                              "; vortadev scenarios lists them, and a file ends in .json");
+        }
+    }
+    return ParseScenario(ReadFile(path), path);
+}
+
+std::vector<std::string> ShippedScenarios() {
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(ScenarioFolder())) {
+        if (entry.path().extension() == ".json") {
+            names.push_back(entry.path().stem());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+}  // namespace vortadev

@@ -81,7 +81,7 @@ Directive NextDirective(const char** format) {
 // A scan in progress: what is left of the buffer is scanned one directive at a time.
 class Scan {
   public:
-    explicit Scan(const char* buffer) : buffer_(buffer) {}
+    explicit Scan(const char* text) : buffer(text) {}
 
     // Runs one directive into `target`; for text conversions `size` bounds it. False ends the scan.
     bool Run(const Directive& directive, void* target, size_t size) {
@@ -93,31 +93,31 @@ class Scan {
         }
         const bool assigns = directive.TakesPointer() && directive.conversion != 'n';
         const int fields = Step(directive.text, target, !directive.TakesPointer());
-        return Count(fields, assigns) && advanced_;
+        return Count(fields, assigns) && advanced;
     }
 
-    int result() const { return result_; }
+    int Fields() const { return assigned; }
 
   private:
     // Scans `piece` from the current position; on success moves behind what it took. The part
     // already taken is skipped by a leading conversion, so that %n counts from the buffer's start.
     int Step(const std::string& piece, void* target, bool noTarget) {
-        std::string format = used_ == 0 ? "" : "%*" + std::to_string(used_) + "c";
+        std::string format = used == 0 ? "" : "%*" + std::to_string(used) + "c";
         format += piece + "%n";
         int end = -1;
-        const int fields = noTarget ? sscanf(buffer_, format.c_str(), &end)
-                                    : sscanf(buffer_, format.c_str(), target, &end);
-        advanced_ = end >= 0;
-        used_ = advanced_ ? end : used_;
+        const int fields = noTarget ? sscanf(buffer, format.c_str(), &end)
+                                    : sscanf(buffer, format.c_str(), target, &end);
+        advanced = end >= 0;
+        used = advanced ? end : used;
         return fields;
     }
 
     bool Count(int fields, bool assigns) {
-        if (fields == EOF && result_ == 0) {
-            result_ = -1;
+        if (fields == EOF && assigned == 0) {
+            assigned = -1;
         }
         if (assigns && fields > 0) {
-            ++result_;
+            ++assigned;
         }
         return fields > 0 || (!assigns && fields == 0);
     }
@@ -138,7 +138,7 @@ class Scan {
             return false;
         }
         if (isText && width < wanted && GoesOn(directive)) {
-            --result_;
+            --assigned;
             return Reject(target, size);
         }
         return true;
@@ -146,7 +146,7 @@ class Scan {
 
     // Whether the field that was just cut at its room has more characters.
     bool GoesOn(const Directive& directive) const {
-        const char next[2] = {buffer_[used_], '\0'};
+        const char next[2] = {buffer[used], '\0'};
         if (directive.conversion == 's') {
             return next[0] != '\0' && isspace(static_cast<unsigned char>(next[0])) == 0;
         }
@@ -163,10 +163,10 @@ class Scan {
         return false;
     }
 
-    const char* buffer_;
-    int used_ = 0;
-    int result_ = 0;
-    bool advanced_ = false;
+    const char* buffer;
+    int used = 0;
+    int assigned = 0;
+    bool advanced = false;
 };
 
 }  // namespace
@@ -187,5 +187,5 @@ int sscanf_s(const char* buffer, const char* format, ...) {
         goesOn = scan.Run(directive, target, size);
     }
     va_end(args);
-    return scan.result();
+    return scan.Fields();
 }

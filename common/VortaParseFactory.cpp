@@ -1,33 +1,33 @@
 // The service factory and its one product slot.
 #include "common/VortaParseFactory.h"
 
-VortaParseFactory* VortaParseFactory::instance_ = nullptr;
-VortaParse* VortaParseFactory::product_ = nullptr;
+VortaParseFactory* VortaParseFactory::instance = nullptr;
+VortaParse* VortaParseFactory::product = nullptr;
 
 VortaParseFactory* VortaParseFactory::GetInstance() {
-    if (instance_ == nullptr) {
-        instance_ = new VortaParseFactory();
+    if (instance == nullptr) {
+        instance = new VortaParseFactory();
     }
-    return instance_;
+    return instance;
 }
 
 void VortaParseFactory::ReleaseInstance() {
-    delete instance_;
-    instance_ = nullptr;
-    delete product_;
-    product_ = nullptr;
+    delete instance;
+    instance = nullptr;
+    delete product;
+    product = nullptr;
 }
 
 VortaParse* VortaParseFactory::CreateRainbow() {
-    if (product_ == nullptr) {
-        product_ = NewRainbowService();
+    if (product == nullptr) {
+        product = NewRainbowService();
     }
-    return product_;
+    return product;
 }
 
 VortaParse* VortaParseFactory::CreateCorvel() {
-    if (product_ == nullptr) {
-        product_ = NewCorvelService();
+    if (product == nullptr) {
+        product = NewCorvelService();
     }
-    return product_;
+    return product;
 }

@@ -21,6 +21,6 @@ class VortaParseFactory {
   private:
     VortaParseFactory() = default;
 
-    static VortaParseFactory* instance_;
-    static VortaParse* product_;
+    static VortaParseFactory* instance;
+    static VortaParse* product;
 };

@@ -18,23 +18,23 @@ constexpr uint64_t kUserPayload = 0x485B6FE00;
 
 }  // namespace
 
-uint64_t CorvelHandle::value_ = 0;
-uint8_t CorvelHandle::valueSet_ = 0;
+uint64_t CorvelHandle::corvelValue = 0;
+uint8_t CorvelHandle::valueSet = 0;
 
 VortaParse* NewCorvelService() {
     return new CorvelHandle();
 }
 
 CorvelHandle::CorvelHandle() {
-    value_ = kInitialValue;
-    valueSet_ = 0;
+    corvelValue = kInitialValue;
+    valueSet = 0;
     VortaLogD("CorvelHandle begin");
 }
 
 CorvelHandle::~CorvelHandle() {
-    free(rbHeader_);
-    rbHeader_ = nullptr;
-    valueSet_ = 0;
+    free(rbHeader);
+    rbHeader = nullptr;
+    valueSet = 0;
     VortaLogD("CorvelHandle end");
 }
 
@@ -56,13 +56,13 @@ void CorvelHandle::GetCorvelFromCmdline() {
         VortaLogE("sscanf_s corvel data fail");
     } else {
         VortaLogI("cmdline convert to number 0x%llx", number);
-        value_ = number;
+        corvelValue = number;
     }
-    valueSet_ = 1;
+    valueSet = 1;
 }
 
 bool CorvelHandle::IsFirstBoot() {
-    if ((value_ & kCorvelCorrected) != 0) {
+    if ((corvelValue & kCorvelCorrected) != 0) {
         VortaLogI("partition has been correct");
         return false;
     }
@@ -82,28 +82,28 @@ void CorvelHandle::CorrectCorvelData() {
 }
 
 void CorvelHandle::CorvelPartInit() {
-    rbHeader_ = static_cast<ReasonHeader*>(malloc(sizeof(ReasonHeader)));
-    if (rbHeader_ == nullptr) {
+    rbHeader = static_cast<ReasonHeader*>(malloc(sizeof(ReasonHeader)));
+    if (rbHeader == nullptr) {
         VortaLogE("[%s] rbHeader malloc fail", "CorvelPartInit");
         return;
     }
-    (void)memset_s(rbHeader_, sizeof(ReasonHeader), 0, sizeof(ReasonHeader));
+    (void)memset_s(rbHeader, sizeof(ReasonHeader), 0, sizeof(ReasonHeader));
 }
 
 void CorvelHandle::CorvelPartWrite(uint64_t value) {
-    value_ = value;
-    valueSet_ = 1;
-    if (rbHeader_ == nullptr) {
+    corvelValue = value;
+    valueSet = 1;
+    if (rbHeader == nullptr) {
         return;
     }
-    if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader_, sizeof(ReasonHeader), 0, kModeRawdump) <
-        0) {
+    if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), kRead,
+                     kModeRawdump) < 0) {
         return;
     }
-    rbHeader_->corvel = value | kCorvelTag | kCorvelCorrected;
-    VortaLogD("ready to write corvel data %llx", rbHeader_->corvel);
-    if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader_, sizeof(ReasonHeader), 1, kModeRawdump) <
-        0) {
+    rbHeader->corvel = value | kCorvelTag | kCorvelCorrected;
+    VortaLogD("ready to write corvel data %llx", rbHeader->corvel);
+    if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), kWrite,
+                     kModeRawdump) < 0) {
         VortaLogE("[%s] update corvel part fail", "CorvelPartWrite");
     } else {
         VortaLogD("[%s] update corvel part succ", "CorvelPartWrite");

@@ -33,8 +33,8 @@ class CorvelHandle : public VortaHandle {
     void CorrectCorvelData();
 
   private:
-    static uint64_t value_;
-    static uint8_t valueSet_;  // 1 once the value was looked for; for a debugger, nothing reads it
+    static uint64_t corvelValue;
+    static uint8_t valueSet;  // 1 once the value was looked for; for a debugger, nothing reads it
 
-    ReasonHeader* rbHeader_ = nullptr;  // from malloc, owned
+    ReasonHeader* rbHeader = nullptr;  // from malloc, owned
 };

@@ -7,7 +7,6 @@
 
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
-#include "rainbow/PartitionRecords.h"
 
 namespace {
 
@@ -15,22 +14,19 @@ const std::string kRawdumpPath = "/dev/block/by-name/rawdump";
 const std::string kUserdataPath = "/dev/block/by-name/userdata";
 const std::string kBootfailPath = "/dev/block/by-name/bootfail_info";
 
-constexpr int kRead = 0;
-constexpr int kWrite = 1;
-
 }  // namespace
 
-int VortaHandle::dumpFd_ = -1;
-int VortaHandle::dataFd_ = -1;
-int VortaHandle::reasonFd_ = -1;
+int VortaHandle::dumpFd = -1;
+int VortaHandle::dataFd = -1;
+int VortaHandle::reasonFd = -1;
 
 VortaHandle::VortaHandle() {
-    dumpFd_ = dataFd_ = reasonFd_ = -1;
+    dumpFd = dataFd = reasonFd = -1;
     VortaLogD("VortaHandle begin");
 }
 
 VortaHandle::~VortaHandle() {
-    for (int* const slot : {&dumpFd_, &dataFd_, &reasonFd_}) {
+    for (int* const slot : {&dumpFd, &dataFd, &reasonFd}) {
         if (*slot >= 0) {
             (void)close(*slot);
             *slot = -1;
@@ -43,7 +39,7 @@ void VortaHandle::IsPartValid(const std::string& path, uint8_t mode) {
     if (path.empty()) {
         return;
     }
-    int& slot = mode == kModeUserdata ? dataFd_ : mode == kModeRawdump ? dumpFd_ : reasonFd_;
+    int& slot = mode == kModeUserdata ? dataFd : mode == kModeRawdump ? dumpFd : reasonFd;
     if (slot >= 0) {
         return;
     }
@@ -62,13 +58,13 @@ int VortaHandle::PartCommonRW(int64_t offset, void* buffer, int size, int rw, ui
     int fd = -1;
     if (mode == kModeUserdata) {
         IsPartValid(kUserdataPath, mode);
-        fd = dataFd_;
+        fd = dataFd;
     } else if (mode == kModeRawdump) {
         IsPartValid(kRawdumpPath, mode);
-        fd = dumpFd_;
+        fd = dumpFd;
     } else {
         IsPartValid(kBootfailPath, mode);
-        fd = reasonFd_;
+        fd = reasonFd;
     }
     if (fd < 0) {
         return -1;
@@ -143,7 +139,7 @@ int VortaHandle::PartToEmmc(int fd, int64_t offset, int64_t size, uint8_t mode) 
     VortaLogI("[%s] offset = %ld, size = %ld", "PartToEmmc", static_cast<long>(offset),
               static_cast<long>(size));
     IsPartValid(mode == kModeRawdump ? kRawdumpPath : kUserdataPath, mode);
-    const int partFd = mode == kModeRawdump ? dumpFd_ : dataFd_;
+    const int partFd = mode == kModeRawdump ? dumpFd : dataFd;
     if (partFd < 0 || PartOrEmmcSeek(partFd, offset, fd, 0) < 0) {
         return -1;
     }

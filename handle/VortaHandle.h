@@ -8,6 +8,15 @@
 
 #include "common/VortaParse.h"
 
+// Partition modes: which partition an operation works on. Every other value means bootfail_info.
+constexpr uint8_t kModeRawdump = 0;
+constexpr uint8_t kModeUserdata = 1;
+constexpr uint8_t kModeBootfail = 2;
+
+// Direction of a transfer.
+constexpr int kRead = 0;
+constexpr int kWrite = 1;
+
 class VortaHandle : public VortaParse {
   public:
     // Largest size of one PartCommonRW transfer (32 MiB) and of one PartToEmmc copy (16.5 GiB).
@@ -22,7 +31,7 @@ class VortaHandle : public VortaParse {
     // unless its slot is open. A failure is logged and leaves the slot closed.
     void IsPartValid(const std::string& path, uint8_t mode);
 
-    // One read (`rw` 0) or write (`rw` 1) of `size` bytes at byte `offset` of the partition of
+    // One read (`rw` kRead) or write (kWrite) of `size` bytes at byte `offset` of the partition of
     // `mode`. Returns 0, or -1 after logging why. A short transfer counts as success.
     int PartCommonRW(int64_t offset, void* buffer, int size, int rw, uint8_t mode);
 
@@ -50,7 +59,7 @@ class VortaHandle : public VortaParse {
   private:
     int CopyChunks(int partFd, int fd, int64_t offset, int64_t size, uint8_t* buffer);
 
-    static int dumpFd_;    // rawdump
-    static int dataFd_;    // userdata
-    static int reasonFd_;  // bootfail_info
+    static int dumpFd;    // rawdump
+    static int dataFd;    // userdata
+    static int reasonFd;  // bootfail_info
 };

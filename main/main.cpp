@@ -1,4 +1,5 @@
 // Entry point: the command line chooses one service, which runs once.
+#include <fcntl.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -15,6 +16,16 @@ namespace {
 enum ServiceType : uint32_t { kRainbow = 0, kCorvel = 1, kNone = 2 };
 
 constexpr size_t kHelpPrefix = 6;  // "--help", and whatever goes on after it
+
+// A partition must never take the place of a standard descriptor that whoever started the daemon
+// had closed: what is echoed to standard error would be written into it.
+void OccupyStandardDescriptors() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            (void)open("/dev/null", O_RDWR);  // takes the lowest number, which is this one
+        }
+    }
+}
 
 void ShowHelp(std::string program) {
     (void)fprintf(stderr, "Usage: %s [options] \n", program.c_str());
@@ -50,6 +61,7 @@ void StartVorta(uint32_t type, std::string srvName) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    OccupyStandardDescriptors();
     if (argc > 1 && strncmp(argv[1], "--help", kHelpPrefix) == 0) {
         ShowHelp(argv[0]);
         exit(0);

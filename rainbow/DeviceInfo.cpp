@@ -1,6 +1,5 @@
 // Reports an abnormal reboot to the factory test environment of a device in factory mode.
 #include <dlfcn.h>
-#include <string.h>
 #include <sys/system_properties.h>
 
 #include "common/VortaUtils.h"

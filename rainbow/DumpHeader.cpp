@@ -1,7 +1,6 @@
 // The dump header that says whether a dump is waiting, and the files that collected data goes to.
 #include <errno.h>
 #include <fcntl.h>
-#include <inttypes.h>
 
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
@@ -15,7 +14,7 @@ int64_t HeaderOffset(uint8_t dumpType, int64_t fulldumpOffset) {
     return dumpType == kDumpTypeMini ? kMinidumpRegion.offset : fulldumpOffset;
 }
 
-// For a debugger: debug messages are never output.
+// The text of a debug message, which is never output.
 void ShowHeader(const DumpHeader& header) {
     VortaLogD("%s %u %u\n%lu %s %u\n%lu %lu %u", static_cast<const char*>(header.text0),
               header.word32a, header.flag, header.word64a, static_cast<const char*>(header.text1),
@@ -26,7 +25,7 @@ void ShowHeader(const DumpHeader& header) {
 
 bool RainbowHandle::IsDumpPartValid(uint8_t dumpType) {
     const int64_t offset = HeaderOffset(dumpType, fulldumpOffset);
-    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), 0, dumpType) < 0) {
+    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), kRead, dumpType) < 0) {
         VortaLogE("[%s] PartCommonRW return fail", "IsDumpPartValid");
         return false;
     }
@@ -47,7 +46,7 @@ void RainbowHandle::UpdatePartDumpHeader(uint8_t dumpType) {
         VortaLogE("[%s] dumpHeader memset_s fail", "UpdatePartDumpHeader");
     }
     const int64_t offset = HeaderOffset(dumpType, fulldumpOffset);
-    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), 1, dumpType) < 0) {
+    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), kWrite, dumpType) < 0) {
         VortaLogE("[%s] update dump header part fail", "UpdatePartDumpHeader");
     } else {
         VortaLogD("[%s] update dump header part succ", "UpdatePartDumpHeader");

@@ -2,7 +2,6 @@
 // reads at the next boot: user type and board identifier.
 #include <android-base/file.h>
 #include <dirent.h>
-#include <string.h>
 #include <sys/system_properties.h>
 #include <sys/vfs.h>
 

@@ -7,7 +7,7 @@
 #include "rainbow/RainbowHandle.h"
 
 bool RainbowHandle::ReadFulldumpMetaInfoFromBootfail(fulldump_header& meta) {
-    if (PartCommonRW(kFulldumpMetaRegion.offset, &meta, sizeof(meta), 0, kModeBootfail) < 0) {
+    if (PartCommonRW(kFulldumpMetaRegion.offset, &meta, sizeof(meta), kRead, kModeBootfail) < 0) {
         VortaLogE("[%s] get fulldump header fail", "ReadFulldumpMetaInfoFromBootfail");
         return false;
     }
@@ -20,7 +20,7 @@ bool RainbowHandle::ReadFulldumpMetaInfoFromBootfail(fulldump_header& meta) {
 
 void RainbowHandle::WriteFulldumpMetaInfoToBootfail(fulldump_header& meta) {
     meta.crc = FulldumpCrc32(reinterpret_cast<const uint8_t*>(&meta), kFulldumpCrcLength);
-    if (PartCommonRW(kFulldumpMetaRegion.offset, &meta, sizeof(meta), 1, kModeBootfail) < 0) {
+    if (PartCommonRW(kFulldumpMetaRegion.offset, &meta, sizeof(meta), kWrite, kModeBootfail) < 0) {
         VortaLogE("[%s] update fulldump bootfail header fail", "WriteFulldumpMetaInfoToBootfail");
     }
 }
@@ -78,7 +78,7 @@ bool RainbowHandle::InitFullDumpMetaInfo(fulldump_header& meta) {
 // cleared, which is success as well.
 bool RainbowHandle::ReadFulldumpMetaInfoFromRawdump(fulldump_header& meta) {
     FulldumpDescriptor descriptor = {};
-    if (PartCommonRW(kFulldumpDescriptorRegion.offset, &descriptor, sizeof(descriptor), 0,
+    if (PartCommonRW(kFulldumpDescriptorRegion.offset, &descriptor, sizeof(descriptor), kRead,
                      kModeRawdump) < 0) {
         VortaLogE("[%s] get fulldump header fail", "ReadFulldumpMetaInfoFromRawdump");
         return false;

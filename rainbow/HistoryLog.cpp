@@ -20,6 +20,18 @@ constexpr char kTickFormat[] = "-%08lld";
 constexpr char kStampFormat[] = "%Y%m%d%H%M%S";
 constexpr size_t kStampSize = 15;  // 14 digits and the NUL
 
+// The line of one boot; empty if there was no memory for it.
+std::string HistoryLine(const std::string& reason, const std::string& time,
+                        const std::string& category) {
+    char* text = nullptr;
+    if (asprintf(&text, kHistoryFormat, reason.c_str(), time.c_str(), category.c_str()) < 0) {
+        return "";
+    }
+    std::string line = text;
+    free(text);
+    return line;
+}
+
 }  // namespace
 
 std::string RainbowHandle::GetTimeTick() {
@@ -53,9 +65,9 @@ std::string RainbowHandle::GetTimeStamp() {
 }
 
 std::string RainbowHandle::GetRecordTime() {
-    std::string time = GetTimeStamp() + GetTimeTick();
-    VortaLogI("[%s] get time [%s]", "GetRecordTime", time.c_str());
-    return time;
+    std::string stamp = GetTimeStamp() + GetTimeTick();
+    VortaLogI("[%s] get time [%s]", "GetRecordTime", stamp.c_str());
+    return stamp;
 }
 
 int RainbowHandle::HistoryFileOpen() {
@@ -135,19 +147,17 @@ void RainbowHandle::HistoryFileUpdate() {
         reason = KeyValueFromCmdline(kSreasonKey);
         category = KeyValueFromCmdline(kRebootReasonKey);
     }
-    char* line = nullptr;
-    if (asprintf(&line, kHistoryFormat, reason.c_str(), recordTime.c_str(), category.c_str()) < 0) {
+    const std::string line = HistoryLine(reason, recordTime, category);
+    if (line.empty()) {
         VortaLogE("[%s] asprintf fail", "HistoryFileUpdate");
         return;
     }
     if (HistoryFileRecord(line) < 0) {
         if (fromPart) {  // HistoryFileRecord has said why; nothing more is to be said
-            free(line);
             return;
         }
         VortaLogE("[%s] history file record fail", "HistoryFileUpdate");
     }
-    VortaLogI("[%s] history = %s", "HistoryFileUpdate", line);
-    free(line);
+    VortaLogI("[%s] history = %s", "HistoryFileUpdate", line.c_str());
     VortaLogD("------history log file update end...");
 }

@@ -25,7 +25,7 @@ constexpr uint32_t kResetWarm = MagicWord("WARM");      // resetType
 constexpr uint32_t kTextValid = MagicWord("VALD");      // mreasonStrFlag, sreasonStrFlag
 
 // The dump area in userdata is reserved and holds a full dump. On the partition: "W)];".
-constexpr uint32_t kFulldumpReserved = 0x3B5D2957;
+constexpr uint32_t kFulldumpReserved = MagicWord(";])W");
 
 constexpr uint32_t kNormalBootLevel = 1;    // what the daemon writes with a reason of its own
 constexpr uint32_t kAbnormalBootLevel = 2;  // this level and above: there are logs to save
@@ -109,6 +109,8 @@ struct __attribute__((packed)) FulldumpDescriptor {
 };
 static_assert(sizeof(FulldumpDescriptor) == 24);
 static_assert(offsetof(FulldumpDescriptor, reservedFlag) == 8);
+// The user type lies inside the descriptor's reserved bytes.
+static_assert(offsetof(ReasonHeader, userType) == offsetof(ReasonHeader, fulldumpOffset) + 12);
 
 // Full dump meta record, at offset 1024 of bootfail_info:
 //
@@ -192,10 +194,6 @@ constexpr Region kMinidumpRegion = {0x400000, 0x1C00000};
 // bootfail_info
 constexpr Region kFulldumpMetaRegion = {1024, sizeof(fulldump_header)};
 
-// Partition modes, also used as dump types: where the dump header of a minidump (0) and of a full
-// dump (1) lies. Every other value means bootfail_info.
-constexpr uint8_t kModeRawdump = 0;
-constexpr uint8_t kModeUserdata = 1;
-constexpr uint8_t kModeBootfail = 2;
-constexpr uint8_t kDumpTypeMini = kModeRawdump;
-constexpr uint8_t kDumpTypeFull = kModeUserdata;
+// Dump types. Each is also the mode of the partition that the dump lies in.
+constexpr uint8_t kDumpTypeMini = 0;
+constexpr uint8_t kDumpTypeFull = 1;

@@ -50,7 +50,7 @@ bool RainbowHandle::RainbowInit() {
     isCommercial = IsCommcialVer();
     isRemoteValid = IsRemoteValid();
     recordTime = GetRecordTime();
-    return PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), 0,
+    return PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), kRead,
                         kModeRawdump) >= 0;
 }
 
@@ -70,8 +70,8 @@ void RainbowHandle::HandleFlow(std::string srvName) {
         RainbowReasonSet(info.category, info.reason);
     }
 
-    // Evidence before bookkeeping. The reason node is cleared in here, so an abnormal boot's
-    // history line below comes from the kernel command line.
+    // Evidence before bookkeeping. Once the dump folder is made the reason node is cleared in here,
+    // so that an abnormal boot's history line below comes from the kernel command line.
     DumpFileUpdate(kDumpTypeMini);
 
     if (IsFactoryVer() && abnormalBootFlag == 1) {
@@ -81,8 +81,8 @@ void RainbowHandle::HandleFlow(std::string srvName) {
         HistoryFileUpdate();
     }
 
-    // Before the meta record is read: the boot chain decides by this field whether to reserve a
-    // dump area, and the same write carries a derived reason to the partition.
+    // The boot chain decides by this field whether to reserve a dump area. If the user type
+    // changed, the write also carries a derived reason to the partition.
     SetIsNeedReserveFlag();
 
     fulldump_header meta = {};
@@ -95,7 +95,8 @@ void RainbowHandle::HandleFlow(std::string srvName) {
     }
     SetBoardID();
 
-    // A minidump that the first collection did not take, because the boot was a normal one.
+    // A minidump that is still waiting, because the boot was a normal one. After an abnormal boot
+    // the folder exists, DumpDirOpen says so, and nothing is done twice.
     if (isRemoteValid && IsDumpPartValid(kDumpTypeMini) && DumpDirOpen(kDumpTypeMini) >= 0) {
         DumpSizeCheck();
         SaveMiniDump(kDumpTypeMini);

@@ -40,7 +40,8 @@ class RainbowHandle : public VortaHandle {
 
     // --- History log and time stamps (HistoryLog.cpp) ---
 
-    // "-" and 8 digits: tens of nanoseconds in the current second of the monotonic clock.
+    // "-" and 8 digits: tens of nanoseconds in the current second of the monotonic clock. Empty if
+    // it could not be formatted.
     std::string GetTimeTick();
     // Local date and time, 14 digits.
     std::string GetTimeStamp();
@@ -87,7 +88,7 @@ class RainbowHandle : public VortaHandle {
     int32_t GetFolderSize(const std::string& folder);
     // Appends the full paths of all entries below `folder` that are no folders.
     void GetDirFiles(const std::string& folder, std::vector<std::string>& files);
-    // Removes the oldest entry of dumplog if that is over its limit.
+    // Removes the oldest entry of dumplog if the folder is over its limit.
     void DumpSizeCheck();
     // Removes a file, or a folder with its content. Links are followed.
     void DirOrFileRemove(const std::string& path);

@@ -25,13 +25,15 @@ extern const std::string kLastKmsgName;
 extern const std::string kTzLogName;
 extern const std::string kTmpSuffix;  // raw copy of a log, while it is converted
 
-// Inputs: files, keys of the kernel command line, a property that is kept for other tools.
+// Inputs: files and keys of the kernel command line.
 extern const std::string kPmicPonLogPath;
 extern const std::string kShipmodePath;
 extern const std::string kBoardIdPath;
 extern const std::string kOcpKey;
 extern const std::string kSreasonKey;
 extern const std::string kRebootReasonKey;
+
+// Defined with the others, read by no step.
 extern const std::string kVendorDeviceProperty;
 
 extern const std::string kUnknownSreason;  // the detail reason of a header that holds none

@@ -1,7 +1,5 @@
 // The reason node of the header at the start of rawdump: is it valid, what does it say, set it,
 // clear it. The bytes outside the node are carried through as they were read.
-#include <string.h>
-
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
 #include "rainbow/BootReason.h"
@@ -51,7 +49,7 @@ std::string RainbowHandle::GetSreasonFromPart() {
 }
 
 int RainbowHandle::WriteReasonHeader() {
-    return PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), 1,
+    return PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), kWrite,
                         kModeRawdump);
 }
 
@@ -77,7 +75,7 @@ void RainbowHandle::RainbowReasonSet(uint32_t category, std::string& reason) {
     node.sreasonStrFlag = kTextValid;
     (void)memset_s(node.mreasonStr, sizeof(node.mreasonStr), 0, sizeof(node.mreasonStr));
     (void)memset_s(node.sreasonStr, sizeof(node.sreasonStr), 0, sizeof(node.sreasonStr));
-    // A result that does not fit is left empty on purpose.
+    // A reason that does not fit is left empty on purpose.
     const std::string name = CategoryName(category);
     (void)strncpy_s(node.mreasonStr, sizeof(node.mreasonStr), name.c_str(), name.size());
     (void)strncpy_s(node.sreasonStr, sizeof(node.sreasonStr), reason.c_str(), reason.size());

@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kPackChunk = 128;
 
-// Packs all of `in`. A read error ends it like the end of the file, and a write of 0 bytes goes
-// unnoticed; only a negative result is a failure.
+// Packs all of `in`. A read error ends it like the end of the file. Only a negative result is a
+// failure, and zlib answers 0 even when the disk is full: see docs/hazards.md.
 bool PackStream(FILE* in, gzFile out) {
     char buffer[kPackChunk] = {};
     size_t n = 0;

@@ -51,18 +51,17 @@ void RainbowHandle::CollectAbnormalBoot() {
         return;
     }
     XblAblLogUpdate();
-    // From here on the same reboot is not reported twice, even if what follows is cut off.
+    // From here on the same reboot is not reported twice. The price: a run that is cut off below
+    // loses the kernel and TrustZone logs.
     UpdatePartReasonHeader();
     LastkmsgUpdate();
     TzLogUpdate();
 
     // A commercial build keeps a minidump only with the remote permission.
-    if (isRemoteValid || !isCommercial) {
-        if (IsDumpPartValid(kDumpTypeMini)) {
-            SaveMiniDump(kDumpTypeMini);
-        }
+    if ((isRemoteValid || !isCommercial) && IsDumpPartValid(kDumpTypeMini)) {
+        SaveMiniDump(kDumpTypeMini);
     }
-    // Last, so that a folder without the marker is one that was interrupted.
+    // Last: the run came this far. It does not say that each copy succeeded.
     std::string markerPath;
     CloseFile(DumpFileCreate(markerPath, recordTime + "/" + kDoneName, kDumpTypeMini));
 }
@@ -76,7 +75,9 @@ void RainbowHandle::CollectFullDump() {
         VortaLogE("[%s] fulldump part is invalid", "DumpFileUpdate");
         return;
     }
-    FullDumpSizeCheck();  // at most one full dump is ever kept
+    // At most one full dump is ever kept. Size and room come later: a dump that then cannot be
+    // saved costs the one before.
+    FullDumpSizeCheck();
     fulldumpSize = static_cast<int64_t>(fulldumpMeta.dumpSize);
     if (fulldumpSize == 0) {
         VortaLogE("[%s] get ddrSize failed", "DumpFileUpdate");
@@ -123,8 +124,9 @@ void RainbowHandle::SaveMiniDump(uint8_t kind) {
     (void)close(rawFd);
 }
 
-// The dump in the partition is the only copy until the file that replaces it is on storage: without
-// that the header stays, and the next boot collects the dump again.
+// The dump in the partition is the only copy until the file that replaces it is on storage. Without
+// that the header stays, for the next run that looks at it: the next boot, or for a minidump
+// without remote debugging the next abnormal one.
 void RainbowHandle::ClearHeaderOnceStored(int fd, uint8_t kind, const char* operation) {
     if (fsync(fd) != 0) {
         VortaLogE("[%s] fsync errno = %d", operation, errno);

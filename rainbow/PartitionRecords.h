@@ -34,8 +34,8 @@ constexpr uint32_t kAbnormalBootLevel = 2;  // this level and above: there are l
 //
 //     0  corvel value                    392  full dump offset in userdata  \  full dump
 //     8  reason node (320 bytes)         400  reserve flag                   > descriptor,
-//   328  reserved                        404  user type (8 bytes)           /  24 bytes
-//                                        412  reserved
+//   328  reserved                        404  user type (8 bytes)           |  24 bytes,
+//                                        412  reserved                      /  to 416
 //                                        456  board id magic
 //                                        464  board id
 //                                        468  reserved, to 472
@@ -76,6 +76,8 @@ struct __attribute__((packed)) ReasonHeader {
     uint8_t reserved3[4];
 };
 static_assert(sizeof(ReasonHeader) == 472);
+static_assert(offsetof(ReasonHeader, corvel) == 0);
+static_assert(offsetof(ReasonHeader, reasonNode) == 8);
 static_assert(offsetof(ReasonHeader, reasonNode.innerResetReason) == 12);
 static_assert(offsetof(ReasonHeader, reasonNode.resetType) == 16);
 static_assert(offsetof(ReasonHeader, reasonNode.bootLevel) == 20);
@@ -108,6 +110,7 @@ struct __attribute__((packed)) FulldumpDescriptor {
     uint8_t reserved[12];
 };
 static_assert(sizeof(FulldumpDescriptor) == 24);
+static_assert(offsetof(FulldumpDescriptor, offset) == 0);
 static_assert(offsetof(FulldumpDescriptor, reservedFlag) == 8);
 // The user type lies inside the descriptor's reserved bytes.
 static_assert(offsetof(ReasonHeader, userType) == offsetof(ReasonHeader, fulldumpOffset) + 12);
@@ -135,6 +138,7 @@ struct __attribute__((packed)) fulldump_header {
     uint8_t reserved5[4];
 };
 static_assert(sizeof(fulldump_header) == 56);
+static_assert(offsetof(fulldump_header, magic) == 0);
 static_assert(offsetof(fulldump_header, magicTail) == 5);
 static_assert(offsetof(fulldump_header, userType) == 6);
 static_assert(offsetof(fulldump_header, reservedFlag) == 8);
@@ -168,9 +172,14 @@ struct __attribute__((packed)) DumpHeader {
     uint32_t word32c;
 };
 static_assert(sizeof(DumpHeader) == 56);
+static_assert(offsetof(DumpHeader, word32a) == 8);
 static_assert(offsetof(DumpHeader, flag) == 12);
+static_assert(offsetof(DumpHeader, word64a) == 16);
+static_assert(offsetof(DumpHeader, text1) == 24);
+static_assert(offsetof(DumpHeader, word32b) == 32);
 static_assert(offsetof(DumpHeader, word64b) == 36);
 static_assert(offsetof(DumpHeader, word64c) == 44);
+static_assert(offsetof(DumpHeader, word32c) == 52);
 
 constexpr uint32_t kDumpPresent = 1;  // bit 0 of DumpHeader::flag
 

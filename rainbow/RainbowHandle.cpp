@@ -81,8 +81,8 @@ void RainbowHandle::HandleFlow(std::string srvName) {
         HistoryFileUpdate();
     }
 
-    // The boot chain decides by this field whether to reserve a dump area. If the user type
-    // changed, the write also carries a derived reason to the partition.
+    // The boot chain decides by this field whether to reserve a dump area. The write, if there is
+    // one, carries a derived reason to the partition as well.
     SetIsNeedReserveFlag();
 
     fulldump_header meta = {};

@@ -82,7 +82,7 @@ class RainbowHandle : public VortaHandle {
 
     // Makes this boot's folder. 0, or -1 if it could not be made (or exists).
     int DumpDirOpen(uint8_t dumpType);
-    // The entry of the type's root folder that sorts first, or empty. Adds the entries to `count`.
+    // The entry of the type's root folder that sorts first, or empty. Adds their number to `count`.
     std::string DumpFindOldDir(uint8_t dumpType, uint32_t& count);
     // Bytes in all files below `folder`, wrapping at 32 bits.
     int32_t GetFolderSize(const std::string& folder);
@@ -92,21 +92,24 @@ class RainbowHandle : public VortaHandle {
     void DumpSizeCheck();
     // Removes a file, or a folder with its content. Links are followed.
     void DirOrFileRemove(const std::string& path);
-    // Failures are logged. A negative descriptor is passed over.
+    // Sets mode and owner of an open file; failures are logged. A negative descriptor is passed
+    // over.
     void DirOrFileSetPerm(int fd, int mode, int user, int group);
-    // Packs tmpDumpPath into rawdumpPath (gzip) and removes the former. 0, or -1.
+    // Packs tmpDumpPath into rawdumpPath (gzip) and removes the former. 0, or -1 with both left.
     int DumpFileCompress();
 
     // --- Dump update (DumpUpdate.cpp) ---
 
     // Collects the logs and the minidump of an abnormal boot (kind 0) or the full dump (kind 1).
     void DumpFileUpdate(uint8_t kind);
-    // Saves and packs the minidump region and clears its header.
+    // Saves and packs the minidump region and clears its header, which stays on any failure.
     void SaveMiniDump(uint8_t kind);
+    // Whether the boot level is below the abnormal ones; sets abnormalBootFlag if not.
     bool IsNormalBoot();
 
     // --- Full dump meta record (FulldumpMeta.cpp) ---
 
+    // False if it could not be read, or its CRC does not hold; `meta` then has what was read.
     bool ReadFulldumpMetaInfoFromBootfail(fulldump_header& meta);
     // Sets the CRC and writes the record.
     void WriteFulldumpMetaInfoToBootfail(fulldump_header& meta);

@@ -18,7 +18,7 @@ extern const std::string kHistoryName;
 extern const std::string kTmpDumpName;  // raw minidump, while it is packed
 extern const std::string kRawdumpName;  // packed minidump
 extern const std::string kFulldumpName;
-extern const std::string kDoneName;  // closes a finished collection
+extern const std::string kDoneName;  // the collection ran to its end
 extern const std::string kXblAblName;
 extern const std::string kLastXblAblName;
 extern const std::string kLastKmsgName;

@@ -89,9 +89,10 @@ TEST_F(PartitionIo, CopyMovesWholeChunks) {
 TEST_F(PartitionIo, BoundsOfACopy) {
     constexpr int64_t kMost = 17716740096;
     EXPECT_EQ(handle.PartToEmmc(file, 4 * kChunk, kMost, kModeRawdump), 0);
-    for (const auto& [offset, size] : {std::pair(int64_t{0}, kMost + 1), {0, -1}, {-1, 1}}) {
-        const std::string log =
-            Stderr([&] { EXPECT_EQ(handle.PartToEmmc(file, offset, size, kModeRawdump), -1); });
+    for (const auto& range : {std::pair(int64_t{0}, kMost + 1), {0, -1}, {-1, 1}}) {
+        const std::string log = Stderr([&] {
+            EXPECT_EQ(handle.PartToEmmc(file, range.first, range.second, kModeRawdump), -1);
+        });
         EXPECT_EQ(log, "[vorta] [PartToEmmc] input parm fail\n");
     }
 }

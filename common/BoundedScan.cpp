@@ -60,7 +60,9 @@ Directive NextDirective(const char** format) {
             ++at;
         }
         while (isdigit(static_cast<unsigned char>(*at)) != 0) {
-            directive.width = directive.width * 10 + static_cast<size_t>(*at - '0');
+            if (directive.width <= kBoundedMax) {  // a larger one bounds nothing
+                directive.width = directive.width * 10 + static_cast<size_t>(*at - '0');
+            }
             ++at;
         }
         const char* const kind = at;
@@ -126,10 +128,10 @@ class Scan {
         const bool isText = directive.conversion != 'c';
         const size_t wanted = directive.width != 0 ? directive.width : (isText ? SIZE_MAX : 1);
         const size_t room = isText && size > 0 ? size - 1 : size;
-        if (target == nullptr || size == 0 || size > kBoundedMax || (!isText && wanted > room)) {
-            return Reject(target, size);
-        }
-        if (room == 0) {  // only the terminator fits: the field, which is never empty, does not
+        // With one byte only the terminator fits; the field, which is never empty, does not.
+        if (target == nullptr || room == 0 || size > kBoundedMax || (!isText && wanted > room)) {
+            // Input that is used up already counts as such first.
+            (void)Count(Step(directive.prefix + "%*1" + directive.kind, nullptr, true), false);
             return Reject(target, size);
         }
         const size_t width = wanted < room ? wanted : room;
@@ -165,7 +167,7 @@ class Scan {
 
     const char* buffer;
     int used = 0;
-    int assigned = 0;
+    int assigned = 0;  // -1: the input ended before the first field
     bool advanced = false;
 };
 

@@ -11,6 +11,8 @@ class VortaParseFactory {
     // Deletes the factory and then the service object; either may be missing.
     static void ReleaseInstance();
 
+    VortaParseFactory(const VortaParseFactory&) = delete;
+    VortaParseFactory& operator=(const VortaParseFactory&) = delete;
     virtual ~VortaParseFactory() = default;
 
     // The service object. There is one product slot: once it is taken, both return what it holds,

@@ -17,6 +17,7 @@ extern const std::string kFactoryRunMode;
 void WriteLog(int priority, const char* failText, const char* format, ...);
 
 // Passing a std::string where the format says %s is the classic fault of printf-style calls.
+// Whether each argument suits its conversion is checked by scripts/lint.
 template <typename... Args>
 constexpr bool kPrintable = ((std::is_arithmetic_v<Args> || std::is_pointer_v<Args>)&&...);
 
@@ -45,7 +46,8 @@ void VortaLogD(std::string /*format*/, Args... /*args*/) {
 }
 
 // Reads a system property into `value` (PROP_VALUE_MAX bytes). A missing or empty property gives
-// `defaultValue`, if that is not null. Returns the length of the text.
+// `defaultValue`, cut at 91 bytes; with a null default `value` stays as the platform filled it.
+// Returns the length of the text.
 int property_get(const char* name, char* value, const char* defaultValue);
 
 // The whole kernel command line with its trailing newline; empty if it cannot be read.

@@ -2,7 +2,6 @@
 #include "corvel/CorvelHandle.h"
 
 #include <stdlib.h>
-#include <string.h>
 #include <sys/system_properties.h>
 
 #include "common/BoundedFunctions.h"
@@ -101,7 +100,7 @@ void CorvelHandle::CorvelPartWrite(uint64_t value) {
         return;
     }
     rbHeader->corvel = value | kCorvelTag | kCorvelCorrected;
-    VortaLogD("ready to write corvel data %llx", rbHeader->corvel);
+    VortaLogD("ready to write corvel data %llx", static_cast<unsigned long long>(rbHeader->corvel));
     if (PartCommonRW(kReasonHeaderRegion.offset, rbHeader, sizeof(ReasonHeader), kWrite,
                      kModeRawdump) < 0) {
         VortaLogE("[%s] update corvel part fail", "CorvelPartWrite");

@@ -1,5 +1,6 @@
-// The corvel service: marks the 64-bit record that the boot chain passed on the kernel command line
-// as corrected, in the first eight bytes of rawdump.
+// The corvel service: on a build that is not commercial, and while the 64-bit record that the boot
+// chain passes on the kernel command line lacks the corrected mark, writes the run mode's default
+// record, tagged and marked, into the first eight bytes of rawdump.
 #pragma once
 
 #include <stdint.h>
@@ -34,7 +35,7 @@ class CorvelHandle : public VortaHandle {
 
   private:
     static uint64_t corvelValue;
-    static uint8_t valueSet;  // 1 once the value was looked for; for a debugger, nothing reads it
+    static uint8_t valueSet;  // 1 once an item was found or a record was to be written
 
     ReasonHeader* rbHeader = nullptr;  // from malloc, owned
 };

@@ -10,6 +10,9 @@
 
 namespace {
 
+static_assert(kDumpTypeMini == kModeRawdump && kDumpTypeFull == kModeUserdata,
+              "a dump type is the mode of its partition");
+
 int64_t HeaderOffset(uint8_t dumpType, int64_t fulldumpOffset) {
     return dumpType == kDumpTypeMini ? kMinidumpRegion.offset : fulldumpOffset;
 }

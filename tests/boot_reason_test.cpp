@@ -24,7 +24,7 @@ TEST(Ocp, ValueNamesTypeAndTrigger) {
         {"0", 0, ""},
         {"", 0, ""},
         {"0x000\n", 1, "OCP_TYPE_LDO_LSB"},  // not triggered, but last on the line
-        {"2x1\n", 0, ""},  // the last item of a command line keeps its newline
+        {"2x1\n", 0, ""},                    // the last item of a command line keeps its newline
     };
     for (const auto& c : cases) {
         BootInfo info;

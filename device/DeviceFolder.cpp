@@ -6,8 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <sstream>
 
 #include "device/Content.h"
 #include "rainbow/RainbowPaths.h"
@@ -101,16 +99,13 @@ void MakeProc(const fs::path& device, const Scenario& scenario) {
     }
 }
 
-// A program of the host by name; `package` is the Debian package that brings it.
+// A program that the device gets from the host; `package` is the Debian package that brings it.
 fs::path HostProgram(const std::string& name, const std::string& package) {
-    const char* path = getenv("PATH");
-    std::istringstream folders(std::string(path == nullptr ? "" : path) + ":/usr/bin:/bin");
-    for (std::string folder; std::getline(folders, folder, ':');) {
-        if (!folder.empty() && access((fs::path(folder) / name).c_str(), X_OK) == 0) {
-            return fs::path(folder) / name;
-        }
+    const fs::path program = FindProgram(name);
+    if (program.empty()) {
+        throw DeviceError(name + " is missing on this machine; install the package " + package);
     }
-    throw DeviceError(name + " is missing on this machine; install the package " + package);
+    return program;
 }
 
 void MakeSystem(const fs::path& device) {
@@ -118,7 +113,7 @@ void MakeSystem(const fs::path& device) {
     fs::create_directories(bin);
     fs::copy_file(HostProgram("mksh", "mksh"), bin / "sh");
     fs::copy_file(HostProgram("toybox", "toybox"), bin / "toybox");
-    for (const std::string name : {"cat", "strings", "ls", "head", "tail", "xxd", "stat", "id"}) {
+    for (const std::string name : {"cat", "strings", "ls", "head", "tail", "xxd", "stat"}) {
         fs::create_symlink("toybox", bin / name);
     }
     fs::create_directory_symlink("system/bin", device / "bin");
@@ -153,19 +148,22 @@ void MakeData(const fs::path& device, const Scenario& scenario) {
     for (const DataEntry& entry : scenario.data) {
         const fs::path path = device / "data" / entry.path;
         fs::create_directories(entry.kind == DataEntry::kFolder ? path : path.parent_path());
-        if (entry.kind == DataEntry::kLink) {
-            fs::create_symlink(entry.target, path);
-        } else if (entry.kind == DataEntry::kFile) {
+        if (entry.kind == DataEntry::kFile) {
             WriteFile(path, Render(entry.content, path.filename()));
         }
     }
-    for (fs::path folder = OnDevice(device, kDumplogRoot); folder != device / "data/vendor/log";
-         folder = folder.parent_path()) {
-        (void)chmod(folder.c_str(), kLogFolderMode);
-        (void)chown(folder.c_str(), kOwner, kGroup);
+    // Links come last: nothing is written through one.
+    for (const DataEntry& entry : scenario.data) {
+        if (entry.kind == DataEntry::kLink) {
+            fs::create_symlink(entry.target, device / "data" / entry.path);
+        }
     }
-    (void)chmod(OnDevice(device, kFulldumplogRoot).c_str(), kLogFolderMode);
-    (void)chown(OnDevice(device, kFulldumplogRoot).c_str(), kOwner, kGroup);
+    for (const fs::path& folder :
+         {OnDevice(device, kDumplogRoot), OnDevice(device, kFulldumplogRoot),
+          OnDevice(device, kDumplogRoot).parent_path()}) {
+        (void)chmod(folder.c_str(), kLogFolderMode);
+        (void)chown(folder.c_str(), kOwner, kGroup);  // as root only
+    }
 }
 
 void MakeRoom(const fs::path& device, bool replace) {
@@ -189,7 +187,9 @@ fs::path OnDevice(const fs::path& device, const std::string& path) {
 }
 
 bool IsDevice(const fs::path& folder) {
-    return fs::is_directory(folder / kPartitionFolder) && fs::exists(folder / kScenarioFile);
+    std::error_code error;
+    return fs::is_directory(folder / kPartitionFolder, error) &&
+           fs::exists(folder / kScenarioFile, error);
 }
 
 void CreateDevice(const fs::path& device, const Scenario& scenario, bool replace) {

@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -81,6 +83,20 @@ void WriteAt(const Fd& fd, uint64_t offset, const std::string& bytes, const fs::
 
 fs::path ProgramFolder() {
     return fs::read_symlink("/proc/self/exe").parent_path();
+}
+
+fs::path FindProgram(const std::string& name) {
+    const char* path = getenv("PATH");
+    std::istringstream folders((path == nullptr ? "" : std::string(path)) + ":/usr/bin:/bin");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const fs::path program =
+            name.find('/') == std::string::npos ? folder / fs::path(name) : fs::path(name);
+        std::error_code error;
+        if (fs::is_regular_file(program, error) && access(program.c_str(), X_OK) == 0) {
+            return program;
+        }
+    }
+    return {};
 }
 
 std::string Printable(const std::string& bytes) {

@@ -54,6 +54,10 @@ void WriteAt(const Fd& fd, uint64_t offset, const std::string& bytes,
 // Folder of the running program, where the daemon and the factory libraries lie as well.
 std::filesystem::path ProgramFolder();
 
+// An executable file: the name itself if it holds a slash, else looked up in PATH and the usual
+// folders; empty if there is none.
+std::filesystem::path FindProgram(const std::string& name);
+
 // The text with every byte that a terminal would not print as \n, \t or \xNN.
 std::string Printable(const std::string& bytes);
 

@@ -2,7 +2,6 @@
 #include "device/JsonNode.h"
 
 #include <algorithm>
-#include <charconv>
 
 #include "device/Scenario.h"
 
@@ -24,73 +23,76 @@ void JsonNode::Expected(const std::string& what) const {
 }
 
 void JsonNode::RequireKeys(const std::vector<std::string>& keys) const {
-    if (!value_->is_object()) {
+    if (value_ != nullptr && !value_->is_object()) {
         Expected("an object");
     }
-    for (const auto& item : value_->items()) {
-        if (std::find(keys.begin(), keys.end(), item.key()) == keys.end()) {
+    for (const auto& [key, item] : Items()) {
+        if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
             std::string known;
-            for (const std::string& key : keys) {
-                known += (known.empty() ? "" : ", ") + key;
+            for (const std::string& name : keys) {
+                known += (known.empty() ? "" : ", ") + name;
             }
-            Fail("unknown key \"" + Printable(item.key()) + "\"; expected one of: " + known);
+            Fail("unknown key \"" + Printable(key) + "\"; expected one of: " + known);
         }
     }
 }
 
-std::optional<JsonNode> JsonNode::Get(const std::string& key) const {
-    const auto found = value_->find(key);
-    if (found == value_->end()) {
-        return std::nullopt;
-    }
-    return JsonNode(*found, place_, key_.empty() ? key : key_ + "." + key);
+JsonNode JsonNode::operator[](const std::string& key) const {
+    const bool found = value_ != nullptr && value_->is_object() && value_->contains(key);
+    return {found ? &value_->at(key) : nullptr, place_, key_.empty() ? key : key_ + "." + key};
 }
 
 std::vector<std::pair<std::string, JsonNode>> JsonNode::Items() const {
+    std::vector<std::pair<std::string, JsonNode>> items;
+    if (value_ == nullptr) {
+        return items;
+    }
     if (!value_->is_structured()) {
         Expected("an object");
     }
-    std::vector<std::pair<std::string, JsonNode>> items;
     for (const auto& item : value_->items()) {
         const std::string key = (key_.empty() ? "" : key_ + ".") + Printable(item.key());
-        items.emplace_back(item.key(), JsonNode(item.value(), place_, key));
+        items.emplace_back(item.key(), JsonNode(&item.value(), place_, key));
     }
     return items;
 }
 
-std::string JsonNode::Text() const {
-    if (!value_->is_string()) {
+std::string JsonNode::Text(const std::string& missing) const {
+    if (value_ != nullptr && !value_->is_string()) {
         Expected("a text");
     }
-    return value_->get<std::string>();
+    return value_ == nullptr ? missing : value_->get<std::string>();
 }
 
-bool JsonNode::Bool() const {
-    if (!value_->is_boolean()) {
+bool JsonNode::Bool(bool missing) const {
+    if (value_ != nullptr && !value_->is_boolean()) {
         Expected("true or false");
     }
-    return value_->get<bool>();
+    return value_ == nullptr ? missing : value_->get<bool>();
 }
 
-uint64_t JsonNode::Number(uint64_t largest) const {
-    if (!value_->is_number_unsigned() || value_->get<uint64_t>() > largest) {
+uint64_t JsonNode::Number(uint64_t missing, uint64_t largest) const {
+    if (value_ != nullptr && (!value_->is_number_unsigned() || value_->get<uint64_t>() > largest)) {
         Expected("a whole number from 0 to " + std::to_string(largest));
     }
-    return value_->get<uint64_t>();
+    return value_ == nullptr ? missing : value_->get<uint64_t>();
 }
 
-uint64_t JsonNode::Size() const {
-    if (value_->is_number_unsigned()) {
-        return Number();
+uint64_t JsonNode::Size(uint64_t missing) const {
+    if (value_ == nullptr || value_->is_number_unsigned()) {
+        return Number(missing);
     }
-    const auto size = ParseSize(value_->is_string() ? value_->get<std::string>() : "");
+    const auto size = ParseSize(IsText() ? Text() : "");
     if (!size) {
         Expected("a number of bytes or a size like \"64MiB\"");
     }
     return *size;
 }
 
-std::vector<std::string> JsonNode::TextList() const {
+std::vector<std::string> JsonNode::TextList(const std::vector<std::string>& missing) const {
+    if (value_ == nullptr) {
+        return missing;
+    }
     if (!value_->is_array()) {
         Expected("a list of texts");
     }
@@ -102,10 +104,10 @@ std::vector<std::string> JsonNode::TextList() const {
 }
 
 std::string JsonNode::TextOrLines() const {
-    if (value_->is_string()) {
+    if (IsText()) {
         return Text();
     }
-    if (!value_->is_array()) {
+    if (value_ != nullptr && !value_->is_array()) {
         Expected("a text or a list of lines");
     }
     std::string text;
@@ -113,20 +115,6 @@ std::string JsonNode::TextOrLines() const {
         text += line + "\n";
     }
     return text;
-}
-
-std::optional<uint64_t> ParseSize(const std::string& text) {
-    uint64_t number = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    std::string unit(end, text.data() + text.size());
-    unit.erase(0, std::min(unit.find_first_not_of(' '), unit.size()));
-    const std::map<std::string, int> shifts = {
-        {"", 0}, {"B", 0}, {"KiB", 10}, {"MiB", 20}, {"GiB", 30}};
-    const auto shift = shifts.find(unit);
-    if (error != std::errc() || shift == shifts.end() || number > (UINT64_MAX >> shift->second)) {
-        return std::nullopt;
-    }
-    return number << shift->second;
 }
 
 }  // namespace vortadev

@@ -7,7 +7,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -44,22 +43,18 @@ LogSocket::~LogSocket() {
     (void)unlink(path_.c_str());
 }
 
-void LogSocket::Drain() {
+bool LogSocket::Receive() {
     char datagram[kMaxDatagram];
-    for (;;) {
-        const ssize_t n = recv(socket_.Get(), datagram, sizeof(datagram), 0);
-        if (n < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            return;
-        }
-        const std::string line = LogLine(std::string(datagram, static_cast<size_t>(n))) + "\n";
-        lines_ += line;
-        if (write(logcat_.Get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-            throw SystemError("write", path_.parent_path() / kLogcatFile);
-        }
+    const ssize_t n = TEMP_FAILURE_RETRY(recv(socket_.Get(), datagram, sizeof(datagram), 0));
+    if (n < 0) {
+        return false;
     }
+    const std::string line = LogLine(std::string(datagram, static_cast<size_t>(n))) + "\n";
+    lines_ += line;
+    if (write(logcat_.Get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+        throw SystemError("write", path_.parent_path() / kLogcatFile);
+    }
+    return true;
 }
 
 std::string LogLine(const std::string& datagram) {

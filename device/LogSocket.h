@@ -11,7 +11,7 @@ namespace vortadev {
 
 class LogSocket {
   public:
-    // Listens at PATH(); lines are appended to the device's logcat.txt.
+    // Listens at Path(); lines are appended to the device's logcat.txt.
     explicit LogSocket(const std::filesystem::path& device);
     ~LogSocket();
     LogSocket(const LogSocket&) = delete;
@@ -20,9 +20,9 @@ class LogSocket {
     int Get() const { return socket_.Get(); }
     const std::filesystem::path& Path() const { return path_; }
 
-    // Takes all messages that have arrived, without waiting. Senders wait while the queue is full,
-    // so that none is lost as long as this is called.
-    void Drain();
+    // Takes one message that has arrived; false if there is none. Senders wait while the queue is
+    // full, so that none is lost as long as this is called.
+    bool Receive();
 
     // The lines so far.
     const std::string& Lines() const { return lines_; }

@@ -51,10 +51,18 @@ Pipe MakePipe() {
     return {Fd(fds[0]), Fd(fds[1])};
 }
 
+Child::~Child() {
+    if (pid > 0) {
+        (void)kill(pid, SIGKILL);
+        (void)Wait();
+    }
+}
+
 int Child::Wait() {
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
+    pid = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
@@ -120,31 +128,17 @@ Ending Supervise(const Child& child, std::vector<Source> sources, int signals,
     }
 }
 
-HeldSignals::HeldSignals(bool interactive) {
+HeldSignals::HeldSignals() {
     sigset_t held;
     (void)sigemptyset(&held);
-    for (const int signal :
-         {SIGINT, interactive ? SIGQUIT : SIGTERM, interactive ? SIGQUIT : SIGHUP}) {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         (void)sigaddset(&held, signal);
     }
     (void)pthread_sigmask(SIG_BLOCK, &held, &before_);
-    if (!interactive) {
-        fd_ = Fd(signalfd(-1, &held, SFD_CLOEXEC | SFD_NONBLOCK));
-    }
+    fd_ = Fd(signalfd(-1, &held, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
 HeldSignals::~HeldSignals() {
-    if (!fd_) {
-        // Interrupts that were typed for the program inside are done with.
-        const timespec none = {};
-        sigset_t typed;
-        (void)sigemptyset(&typed);
-        (void)sigaddset(&typed, SIGINT);
-        (void)sigaddset(&typed, SIGQUIT);
-        while (sigtimedwait(&typed, nullptr, &none) > 0) {
-        }
-    }
-    // A signal that waits is delivered here.
     (void)pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 

@@ -26,10 +26,16 @@ struct SpawnOptions {
     mode_t umask = 0;
 };
 
-// A running child, known by a descriptor that becomes readable at its end.
+// Owns a running child; one that was not waited for is killed.
 struct Child {
     pid_t pid = -1;
-    Fd ended;
+    Fd ended;  // readable at the child's end
+
+    Child() = default;
+    Child(Child&& other) noexcept
+        : pid(std::exchange(other.pid, -1)), ended(std::move(other.ended)) {}
+    Child& operator=(Child&&) = delete;
+    ~Child();
 
     // Waits for the end; exit status, or 128 + signal.
     int Wait();
@@ -38,7 +44,7 @@ struct Child {
 // Starts argv[0] from PATH. Throws DeviceError if that cannot be executed.
 Child Spawn(const std::vector<std::string>& argv, const SpawnOptions& options);
 
-// Something to do when a descriptor is readable; gives false when it has nothing more to tell.
+// Something to do when a descriptor is readable; false if there is nothing more to read for now.
 struct Source {
     int fd;
     std::function<bool()> ready;
@@ -53,16 +59,16 @@ enum class Ending { kEnded, kTimedOut, kSignalled };
 Ending Supervise(const Child& child, std::vector<Source> sources, int signals,
                  std::chrono::milliseconds timeout);
 
-// Keeps SIGINT, SIGTERM and SIGHUP (interactive: SIGINT and SIGQUIT, ignored) from the calling
-// thread while it lives.
+// Keeps SIGINT, SIGTERM and SIGHUP from the calling thread while it lives; one that came is then
+// delivered.
 class HeldSignals {
   public:
-    explicit HeldSignals(bool interactive);
+    HeldSignals();
     ~HeldSignals();
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
 
-    // Readable when one of them waits; -1 when interactive.
+    // Readable when one of them waits.
     int Get() const { return fd_.Get(); }
 
   private:

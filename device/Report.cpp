@@ -1,6 +1,8 @@
 // Reading what a device, an image or a pulled folder holds.
 #include "device/Report.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 
 #include "device/DeviceFolder.h"
@@ -78,7 +80,7 @@ void ReadDumplog(const fs::path& folder, DeviceReport& report) {
     for (fs::directory_iterator entry(folder, error); !error && entry != fs::directory_iterator();
          entry.increment(error)) {
         std::error_code ignored;
-        if (entry->is_directory(ignored)) {
+        if (fs::is_directory(entry->symlink_status(ignored))) {
             report.dumps->push_back(ReadFolder(entry->path()));
         }
     }
@@ -109,10 +111,9 @@ void ReadReliability(const fs::path& folder, DeviceReport& report) {
 
 void ReadWholeDevice(const fs::path& device, DeviceReport& report) {
     report.kind = "simulated device";
-    const auto scenario = nlohmann::json::parse(ReadFile(device / kScenarioFile), nullptr, false);
-    if (scenario.is_object() && scenario.contains("description") &&
-        scenario["description"].is_string()) {
-        report.description = scenario["description"].get<std::string>();
+    auto scenario = nlohmann::json::parse(ReadFile(device / kScenarioFile), nullptr, false);
+    if (scenario.is_object() && scenario["description"].is_string()) {
+        report.description = scenario["description"];
     }
     const fs::path partitions = device / kPartitionFolder;
     ReadRawdump(partitions / kRawdumpPartition, report);
@@ -225,11 +226,15 @@ DeviceReport ReadDevice(const fs::path& path) {
         if (IsDevice(path)) {
             ReadWholeDevice(path, report);
         } else if (!ReadPulledFolder(folder, report)) {
+            (void)OpenFile(path, O_RDONLY | O_DIRECTORY);  // says why, if it cannot be read at all
             throw DeviceError(path.string() +
                               " is neither a simulated device nor a log folder of a phone");
         }
-    } else {
+    } else if (fs::is_regular_file(path, error) || fs::is_block_file(path, error)) {
         ReadImage(path, report);
+    } else {
+        throw DeviceError(path.string() + " is no file or folder that can be shown" +
+                          (error ? ": " + error.message() : ""));
     }
     return report;
 }

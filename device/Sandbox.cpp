@@ -21,15 +21,13 @@ namespace vortadev {
 
 namespace {
 
-// A small /data starts with the device's content and is copied back at the end, by the device's
-// own tools: "$@" is the daemon's command line.
+// A small /data starts with the device's content and is copied back at the end, by the host's own
+// tools (the device's cp does not tell when a disk is full): "$@" is the daemon's command line.
 const char kWithSmallData[] =
-    "/system/bin/toybox cp -a /.data/. /data/ || exit 121\n"
+    "/.host/cp -a /.data/. /data/ 2>/dev/null || exit 121\n"
     "\"$@\"\n"
     "status=$?\n"
-    "cd /.data && /system/bin/toybox rm -rf -- * .[!.]* && /system/bin/toybox cp -a /data/. "
-    "/.data/ ||"
-    " exit 122\n"
+    "cd /.data && /.host/rm -rf -- * .[!.]* && /.host/cp -a /data/. /.data/ || exit 122\n"
     "exit $status\n";
 constexpr int kDataDoesNotFit = 121;
 constexpr int kDataNotCopiedBack = 122;
@@ -96,7 +94,8 @@ struct Resources {
         }
     }
 
-    Fd folder;
+    Fd folder;                 // locked while the device is in use
+    Pipe status = MakePipe();  // what bubblewrap tells
     std::optional<LogSocket> log;
     std::vector<std::pair<std::string, LoopDevice>> loops;
 };
@@ -146,6 +145,8 @@ Arguments Command(const RunOptions& options) {
     Arguments mounts;
     Arguments command;
     if (options.dataSize) {
+        Add(mounts, {"--ro-bind", FindProgram("cp"), "/.host/cp"});
+        Add(mounts, {"--ro-bind", FindProgram("rm"), "/.host/rm"});
         command = {"/system/bin/sh", "-c", kWithSmallData, "sh"};
     }
     if (!options.wrapper.empty()) {
@@ -155,7 +156,7 @@ Arguments Command(const RunOptions& options) {
     }
     if (!options.emulator.empty()) {
         Add(mounts, {"--ro-bind", options.emulator, "/qemu"});
-        command.push_back("/qemu");
+        Add(command, options.program == kDaemonPath ? Arguments{"/qemu"} : Arguments{});
     }
     command.push_back(options.program);
     Add(command, options.args);
@@ -165,40 +166,17 @@ Arguments Command(const RunOptions& options) {
 }
 
 Arguments SandboxArguments(const fs::path& device, const RunOptions& options,
-                           const Resources& resources, int statusFd) {
-    const fs::path daemon = options.daemon.empty() ? DefaultDaemon() : options.daemon;
+                           const Resources& resources) {
     Arguments arguments = BubbleWrap();
-    Add(arguments, {"--json-status-fd", std::to_string(statusFd)});
+    Add(arguments, {"--json-status-fd", std::to_string(resources.status.writer.Get())});
     Add(arguments, Environment(options));
-    Add(arguments, {"--ro-bind",
-                    "/usr/lib",
-                    "/usr/lib",
-                    "--ro-bind-try",
-                    "/usr/lib64",
-                    "/usr/lib64",
-                    "--ro-bind-try",
-                    "/usr/share/zoneinfo",
-                    "/usr/share/zoneinfo",
-                    "--symlink",
-                    "usr/lib",
-                    "/lib",
-                    "--symlink",
-                    "usr/lib64",
-                    "/lib64",
-                    "--ro-bind",
-                    device / "system",
-                    "/system",
-                    "--symlink",
-                    "system/bin",
-                    "/bin",
-                    "--ro-bind",
-                    device / "vendor",
-                    "/vendor",
-                    "--ro-bind",
-                    daemon,
-                    "/vendor/bin/vorta",
-                    "--dev",
-                    "/dev"});
+    Add(arguments, {"--ro-bind", "/usr/lib", "/usr/lib", "--symlink", "usr/lib", "/lib"});
+    Add(arguments, {"--ro-bind-try", "/usr/lib64", "/usr/lib64"});
+    Add(arguments, {"--symlink", "usr/lib64", "/lib64"});
+    Add(arguments, {"--ro-bind-try", "/usr/share/zoneinfo", "/usr/share/zoneinfo"});
+    Add(arguments, {"--ro-bind", device / "system", "/system", "--symlink", "system/bin", "/bin"});
+    Add(arguments, {"--ro-bind", device / "vendor", "/vendor"});
+    Add(arguments, {"--ro-bind", options.daemon, kDaemonPath, "--dev", "/dev"});
     Add(arguments, PartitionMounts(device, options, resources));
     Add(arguments, {"--bind", resources.log->Path(), "/dev/log"});
     Add(arguments, DataMounts(device, options));
@@ -227,59 +205,87 @@ std::optional<int> StatusMember(const std::string& status, const char* member) {
     return std::nullopt;
 }
 
-// Ends the sandbox: with its first process all others in it go. Bubblewrap reports that end.
-void Kill(const Child& bubbleWrap, const std::string& status) {
-    (void)kill(StatusMember(status, "child-pid").value_or(bubbleWrap.pid), SIGKILL);
-}
-
-RunResult Run(const Arguments& arguments, const RunOptions& options, Pipe status, LogSocket& log,
-              const HeldSignals& signals) {
-    RunResult result;
+// Starts bubblewrap and serves its descriptors to the end. What it tells goes to `status`; the
+// descriptors behind `out` and `err` are used only if the output is captured.
+Ending Serve(const Arguments& arguments, const RunOptions& options, Resources& resources,
+             const HeldSignals& signals, std::string& status, RunResult& result) {
     Pipe out = MakePipe();
     Pipe err = MakePipe();
     const Fd null = OpenFile("/dev/null", O_RDONLY);
     SpawnOptions spawn;
     spawn.umask = options.umask;
-    spawn.inherited = status.writer.Get();
+    spawn.inherited = resources.status.writer.Get();
     if (options.capture) {
         spawn.in = null.Get();
         spawn.out = out.writer.Get();
         spawn.err = err.writer.Get();
     }
     Child child = Spawn(arguments, spawn);
-    out.writer.Reset();
-    err.writer.Reset();
-    status.writer.Reset();
-
-    std::string told;
-    const auto drain = [&] {
-        log.Drain();
-        return true;
+    for (Pipe* pipe : {&out, &err, &resources.status}) {
+        pipe->writer.Reset();
+    }
+    const auto append = [](const Pipe& pipe, std::string& text) {
+        const int fd = pipe.reader.Get();
+        return Source{fd, [fd, &text] { return ReadAvailable(fd, text); }};
     };
-    const std::vector<Source> sources = {
-        {log.Get(), drain},
-        {status.reader.Get(), [&] { return ReadAvailable(status.reader.Get(), told); }},
-        {out.reader.Get(), [&] { return ReadAvailable(out.reader.Get(), result.out); }},
-        {err.reader.Get(), [&] { return ReadAvailable(err.reader.Get(), result.err); }}};
+    std::vector<Source> sources = {append(out, result.out), append(err, result.err),
+                                   append(resources.status, status)};
+    sources.push_back({resources.log->Get(), [&] { return resources.log->Receive(); }});
     const Ending ending = Supervise(child, sources, signals.Get(), options.timeout);
     if (ending != Ending::kEnded) {
-        Kill(child, told);
-        (void)Supervise(child, sources, -1, std::chrono::milliseconds(0));
+        // With the first process of the sandbox all others in it go; bubblewrap reports that end.
+        (void)kill(StatusMember(status, "child-pid").value_or(child.pid), SIGKILL);
     }
-    const int wrapperStatus = child.Wait();
+    result.status = child.Wait();
     for (const Source& source : sources) {
-        while (source.fd != log.Get() && source.ready()) {
+        while (source.ready()) {
         }
     }
-    log.Drain();
-    result.timedOut = ending == Ending::kTimedOut;
-    result.status = StatusMember(told, "exit-code").value_or(wrapperStatus);
-    result.log = log.Lines();
-    if (ending == Ending::kEnded && !StatusMember(told, "exit-code")) {
+    return ending;
+}
+
+RunResult Run(const Arguments& arguments, const RunOptions& options, Resources& resources,
+              const HeldSignals& signals) {
+    RunResult result;
+    std::string status;
+    const Ending ending = Serve(arguments, options, resources, signals, status, result);
+    const auto exitCode = StatusMember(status, "exit-code");
+    if (ending == Ending::kSignalled) {
+        throw DeviceError("the run was interrupted");
+    }
+    if (ending == Ending::kEnded && !exitCode) {
         throw DeviceError("bubblewrap could not set up the sandbox" +
                           (result.err.empty() ? "" : ": " + Printable(result.err)));
     }
+    result.timedOut = ending == Ending::kTimedOut;
+    result.status = exitCode.value_or(result.status);
+    result.log = resources.log->Lines();
+    if (options.dataSize && result.status == kDataDoesNotFit) {
+        throw DeviceError("the device's /data does not fit into " + SizeText(*options.dataSize));
+    }
+    if (options.dataSize && result.status == kDataNotCopiedBack) {
+        throw DeviceError("the small /data could not be copied back into the device folder");
+    }
     return result;
+}
+
+// The options with the programs of the host as they were found.
+RunOptions Resolved(RunOptions options) {
+    const auto find = [](const std::string& name) {
+        const fs::path program = FindProgram(name);
+        if (program.empty()) {
+            throw DeviceError("no program " + name + "; expected the path of an executable file");
+        }
+        return fs::absolute(program);
+    };
+    options.daemon = find(options.daemon.empty() ? DefaultDaemon() : options.daemon);
+    if (!options.wrapper.empty()) {
+        options.wrapper.front() = find(options.wrapper.front());
+    }
+    if (!options.emulator.empty()) {
+        options.emulator = find(options.emulator);
+    }
+    return options;
 }
 
 void RequireRunnable(const fs::path& device, const RunOptions& options) {
@@ -289,40 +295,19 @@ void RequireRunnable(const fs::path& device, const RunOptions& options) {
     if ((options.loop || !options.dropCapabilities.empty()) && geteuid() != 0) {
         throw DeviceError("loop devices and dropped capabilities need root");
     }
-    const fs::path daemon = options.daemon.empty() ? DefaultDaemon() : options.daemon;
-    Arguments programs = {daemon};
-    if (!options.wrapper.empty()) {
-        programs.push_back(options.wrapper.front());
-    }
-    if (!options.emulator.empty()) {
-        programs.push_back(options.emulator);
-    }
-    for (const std::string& program : programs) {
-        if (!fs::is_regular_file(program) || access(program.c_str(), X_OK) != 0) {
-            throw DeviceError(program + " is no program; expected the path of an executable file");
-        }
-    }
     RequireSandbox();
 }
 
 }  // namespace
 
-RunResult RunDaemon(const fs::path& device, const RunOptions& options) {
+RunResult RunDaemon(const fs::path& device, const RunOptions& wanted) {
     const fs::path folder = fs::absolute(device);
-    RequireRunnable(folder, options);
+    RequireRunnable(folder, wanted);
+    const RunOptions options = Resolved(wanted);
     // Outermost, so that a signal is delivered when all else is put back.
-    const HeldSignals signals(options.interactive);
+    const HeldSignals signals;
     Resources resources(folder, options.loop);
-    Pipe status = MakePipe();
-    const Arguments arguments = SandboxArguments(folder, options, resources, status.writer.Get());
-    const RunResult result = Run(arguments, options, std::move(status), *resources.log, signals);
-    if (options.dataSize && result.status == kDataDoesNotFit) {
-        throw DeviceError("the device's /data does not fit into " + SizeText(*options.dataSize));
-    }
-    if (options.dataSize && result.status == kDataNotCopiedBack) {
-        throw DeviceError("the small /data could not be copied back into " + folder.string());
-    }
-    return result;
+    return Run(SandboxArguments(folder, options, resources), options, resources, signals);
 }
 
 fs::path DefaultDaemon() {

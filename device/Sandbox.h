@@ -16,10 +16,13 @@
 
 namespace vortadev {
 
+// Where the daemon lies on the device.
+inline const std::string kDaemonPath = "/vendor/bin/vorta";
+
 struct RunOptions {
-    std::filesystem::path daemon;               // host path; empty: DefaultDaemon()
-    std::vector<std::string> args;              // of the daemon
-    std::string program = "/vendor/bin/vorta";  // started in the sandbox, where the daemon lies
+    std::filesystem::path daemon;       // host path; empty: DefaultDaemon()
+    std::vector<std::string> args;      // of the daemon
+    std::string program = kDaemonPath;  // started in the sandbox
 
     bool loop = false;                 // loop devices under the partition names; root only
     std::optional<uint64_t> dataSize;  // /data is a file system of that many bytes
@@ -34,7 +37,6 @@ struct RunOptions {
 
     std::chrono::milliseconds timeout{0};  // 0: none
     bool capture = false;                  // out and err are returned; else they are the caller's
-    bool interactive = false;              // a terminal's interrupts belong to the program
 };
 
 struct RunResult {

@@ -2,6 +2,7 @@
 #include "device/Scenario.h"
 
 #include <algorithm>
+#include <charconv>
 
 #include "rainbow/RainbowPaths.h"
 
@@ -37,6 +38,20 @@ Scenario LoadScenario(const std::string& nameOrPath) {
         }
     }
     return ParseScenario(ReadFile(path), path);
+}
+
+std::optional<uint64_t> ParseSize(const std::string& text) {
+    uint64_t number = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+    std::string unit(end, text.data() + text.size());
+    unit.erase(0, std::min(unit.find_first_not_of(' '), unit.size()));
+    static const std::map<std::string, int> shifts = {
+        {"", 0}, {"B", 0}, {"KiB", 10}, {"MiB", 20}, {"GiB", 30}};
+    const auto shift = shifts.find(unit);
+    if (error != std::errc() || shift == shifts.end() || number > (UINT64_MAX >> shift->second)) {
+        return std::nullopt;
+    }
+    return number << shift->second;
 }
 
 std::vector<std::string> ShippedScenarios() {

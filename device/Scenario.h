@@ -111,9 +111,9 @@ const std::vector<LogRegion>& LogRegions();
 // DeviceError that names the file, the key and what was expected.
 Scenario LoadScenario(const std::string& nameOrPath);
 
-// The same from text; `source` stands for the file in errors, and relative files are looked up
+// The same from text; `file` stands for it in errors, and relative files are looked up
 // beside it.
-Scenario ParseScenario(const std::string& text, const std::filesystem::path& source);
+Scenario ParseScenario(const std::string& text, const std::filesystem::path& file);
 
 // Names of the shipped scenarios, sorted.
 std::vector<std::string> ShippedScenarios();

@@ -9,51 +9,42 @@ namespace vortadev {
 
 Fill ParseFill(const JsonNode& node, const std::string& name, uint64_t limit, uint64_t seed,
                const fs::path& folder) {
-    static const std::vector<std::string> kinds = {"phone", "zeros", "random", "text", "file"};
-    static const char kForm[] =
-        "\"phone\", \"zeros\", \"random\" or an object with one of phone, zeros, random, text, "
-        "file";
-    Fill fill;
-    fill.seed = seed;
-    std::string kind = node.Value().is_string() ? node.Text() : "";
-    std::optional<JsonNode> size;
-    if (node.Value().is_object()) {
+    std::string kind = node.IsText() ? node.Text() : "";
+    if (!node.IsText()) {
         node.RequireKeys({"phone", "zeros", "random", "text", "file", "size"});
-        size = node.Get("size");
-        for (const std::string& candidate : kinds) {
-            if (node.Get(candidate)) {
-                kind = kind.empty() ? candidate : "several";
-            }
+        for (const auto& [key, value] : node.Items()) {
+            kind += key == "size" ? "" : key;  // several of them make a kind that is not known
         }
     }
-    const auto value = node.Value().is_object() ? node.Get(kind) : std::nullopt;
+    const JsonNode value = node[kind];
+    Fill fill;
+    fill.seed = seed;
     if (kind == "phone") {
         if (!HasPhoneContent(name)) {
             node.Fail("no phone content is known for \"" + name +
                       "\"; expected text, file, zeros or random");
         }
         fill.kind = Fill::kPhone;
-        fill.bytes = value && value->Value().is_array() ? value->TextOrLines() : "";
+        fill.bytes = value && value.Value().is_array() ? value.TextOrLines() : "";
     } else if (kind == "random") {
         fill.kind = Fill::kRandom;
-        fill.seed = value && value->Value().is_number() ? value->Number() : seed;
+        fill.seed = value.Number(seed);
     } else if (kind == "text" && value) {
         fill.kind = Fill::kBytes;
-        fill.bytes = value->TextOrLines();
+        fill.bytes = value.TextOrLines();
     } else if (kind == "file" && value) {
-        const fs::path file = folder / value->Text();
-        if (!fs::is_regular_file(file)) {
-            value->Expected("an existing file");
+        if (!fs::is_regular_file(folder / value.Text())) {
+            value.Expected("an existing file");
         }
         fill.kind = Fill::kBytes;
-        fill.bytes = ReadFile(file);
+        fill.bytes = ReadFile(folder / value.Text());
     } else if (kind != "zeros") {
-        node.Expected(kForm);
+        node.Expected("phone, zeros or random, or an object with one of these, text or file");
     }
-    if (fill.kind != Fill::kBytes && !size && limit >= kFileLimit) {
+    if (fill.kind != Fill::kBytes && !node["size"] && limit >= kFileLimit) {
         node.Fail("expected a \"size\" as well");
     }
-    fill.size = size ? size->Size() : fill.kind == Fill::kBytes ? fill.bytes.size() : limit;
+    fill.size = node["size"].Size(fill.kind == Fill::kBytes ? fill.bytes.size() : limit);
     if (fill.size > limit) {
         node.Fail("expected at most " + std::to_string(limit) + " bytes, found " +
                   std::to_string(fill.size));

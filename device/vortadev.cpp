@@ -7,6 +7,7 @@
 
 #include "device/DeviceFolder.h"
 #include "device/Expectations.h"
+#include "device/Process.h"
 #include "device/Report.h"
 #include "device/Sandbox.h"
 #include "device/Scenario.h"
@@ -66,17 +67,14 @@ void AddRunOptions(CLI::App& command, RunArguments& run) {
         ->type_name("COMMAND");
     command.add_option("--bind", run.binds, "make a file or folder of the host writable inside")
         ->type_name("HOST:INSIDE")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     command.add_option("--env", run.environment, "set an environment variable inside")
         ->type_name("NAME=VALUE")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     command
         .add_option("--drop-cap", run.options.dropCapabilities, "run without a capability (root)")
         ->type_name("CAP")
-        ->expected(1)
-        ->take_all();
+        ->allow_extra_args(false);
     command.add_option("--timeout", run.timeout, "end the run after that many seconds")
         ->type_name("SECONDS")
         ->check(CLI::PositiveNumber);
@@ -109,7 +107,8 @@ vortadev::RunOptions OptionsOf(RunArguments run) {
 int Run(const fs::path& device, const vortadev::RunOptions& options) {
     const vortadev::RunResult result = vortadev::RunDaemon(device, options);
     if (result.timedOut) {
-        throw DeviceError("the daemon did not end within the time limit and was killed");
+        (void)fprintf(stderr, "vortadev: the daemon did not end in time and was killed\n");
+        return kTimeLimit;
     }
     return result.status;
 }
@@ -159,6 +158,7 @@ int Check(std::vector<std::string> names, vortadev::RunOptions options) {
     options.capture = true;
     int status = 0;
     for (const std::string& name : names) {
+        const vortadev::HeldSignals held;  // until the scratch folder is gone
         const ScratchFolder scratch;
         const auto broken = vortadev::CheckScenario(vortadev::LoadScenario(name),
                                                     scratch.Path() / "device", options);
@@ -197,7 +197,6 @@ int Main(int argc, char** argv) {
     CLI::App& start = *app.add_subcommand("run", "run the daemon; all after -- are its arguments");
     start.add_option("DEV", device, "device folder")->required();
     AddRunOptions(start, run);
-    start.add_option("ARGS", run.options.args, "the daemon's arguments, after --");
     start.callback([&] { status = Run(device, OptionsOf(run)); });
 
     CLI::App& show =
@@ -215,10 +214,8 @@ int Main(int argc, char** argv) {
         *app.add_subcommand("shell", "a shell on the device; all after -- are its arguments");
     shell.add_option("DEV", device, "device folder")->required();
     AddRunOptions(shell, run);
-    shell.add_option("ARGS", run.options.args, "the shell's arguments, after --");
     shell.callback([&] {
         run.options.program = "/system/bin/sh";
-        run.options.interactive = isatty(STDIN_FILENO) == 1;
         status = Run(device, OptionsOf(run));
     });
 
@@ -228,8 +225,11 @@ int Main(int argc, char** argv) {
     AddRunOptions(check, run);
     check.callback([&] { status = Check(names, OptionsOf(run)); });
 
+    // What follows -- is not for this program, whatever it looks like.
+    char** const end = std::find(argv, argv + argc, std::string("--"));
+    run.options.args.assign(std::min(end + 1, argv + argc), argv + argc);
     try {
-        app.parse(argc, argv);
+        app.parse(static_cast<int>(end - argv), argv);
     } catch (const CLI::CallForHelp& help) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {

@@ -1,0 +1,131 @@
+// What the fuzz targets share: the pieces of an input, the files of the simulated device, and the
+// report of a broken rule. A target is started as the daemon of a device (see scripts/fuzz), so
+// that the code under test opens its own fixed paths; it refuses to run anywhere else. One per
+// program.
+#pragma once
+
+#include <fcntl.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+
+namespace fuzz {
+
+inline const char kRawdump[] = "/dev/block/by-name/rawdump";
+inline const char kUserdata[] = "/dev/block/by-name/userdata";
+inline const char kBootfail[] = "/dev/block/by-name/bootfail_info";
+inline const char kCmdline[] = "/proc/cmdline";
+inline const char kProperties[] = "/vendor/build.prop";
+constexpr size_t kMaxProperty = 91;  // bytes of a value that the property service keeps
+
+inline int reportFd = STDERR_FILENO;  // what the daemon itself writes goes to /dev/null
+inline int firstFree = -1;            // the lowest descriptor that the fuzzer leaves free
+
+// Ends the run as a finding unless `holds`.
+inline void Require(bool holds, const char* rule) {
+    if (!holds) {
+        (void)dprintf(reportFd, "broken rule: %s\n", rule);
+        abort();
+    }
+}
+
+// Takes an input apart: records of fixed sizes, and texts that end at the byte 0x1E, which the
+// seeds put between them. What is missing is zero or empty.
+class Input {
+  public:
+    Input(const uint8_t* data, size_t size) : rest_(reinterpret_cast<const char*>(data), size) {}
+
+    std::string Bytes(size_t most) {
+        const std::string piece = rest_.substr(0, most);
+        rest_.erase(0, most);
+        return piece;
+    }
+    uint8_t Byte() { return static_cast<uint8_t>((Bytes(1) + '\0')[0]); }
+    std::string Text() {
+        const std::string piece = rest_.substr(0, rest_.find('\x1e'));
+        rest_.erase(0, piece.size() + 1);
+        return piece;
+    }
+    std::string Line() {  // a text without line feeds and NULs
+        std::string line = Text();
+        const auto unfit = [](char c) { return c == '\n' || c == '\0'; };
+        line.erase(std::remove_if(line.begin(), line.end(), unfit), line.end());
+        return line;
+    }
+    bool Done() const { return rest_.empty(); }
+
+  private:
+    std::string rest_;
+};
+
+// Replaces a file; without content, removes it.
+inline void Write(const std::string& path, const std::optional<std::string>& bytes) {
+    if (!bytes) {
+        (void)unlink(path.c_str());
+        return;
+    }
+    std::ofstream file(path, std::ios::binary);
+    file << *bytes << std::flush;
+    Require(file.good(), "the device can be written to");
+}
+
+// A file's bytes; none if it is missing.
+inline std::string Read(const std::string& path) {
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
+    std::string bytes(file ? static_cast<size_t>(file.tellg()) : 0, '\0');
+    (void)file.seekg(0).read(&bytes[0], static_cast<std::streamsize>(bytes.size()));
+    return bytes;
+}
+
+// Closes what the objects under test left open, as the end of their process would.
+inline void CloseLeftOpen() {
+    firstFree = firstFree < 0 ? dup(STDIN_FILENO) : firstFree;
+    (void)close_range(static_cast<unsigned>(firstFree), ~0U, 0);
+}
+
+template <typename Record>
+std::string BytesOf(const Record& record) {
+    return std::string(reinterpret_cast<const char*>(&record), sizeof(record));
+}
+template <typename Record>
+Record RecordOf(const std::string& bytes) {  // missing bytes are zero
+    Record record = {};
+    bytes.copy(reinterpret_cast<char*>(&record), sizeof(record));
+    return record;
+}
+
+// CRC-32/MPEG-2 by polynomial division, a bit at a time: the start value flips the first 32 bits.
+inline uint32_t Crc(const std::string& bytes) {
+    uint64_t remainder = 0;
+    for (size_t bit = 0; bit < bytes.size() * 8 + 32; ++bit) {
+        const bool set = bit / 8 < bytes.size() && (bytes[bit / 8] >> (7 - bit % 8) & 1) != 0;
+        remainder = remainder << 1 | static_cast<uint64_t>(set != (bit < 32));
+        remainder ^= remainder >> 32 != 0 ? 0x104C11DB7 : 0;
+    }
+    return static_cast<uint32_t>(remainder);
+}
+
+}  // namespace fuzz
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    if (access("/.proc", F_OK) != 0 || access("/vendor/bin/vorta", F_OK) != 0 ||
+        access("/etc", F_OK) == 0) {
+        (void)fputs("this writes to partitions: scripts/fuzz starts it on its own device\n",
+                    stderr);
+        exit(2);
+    }
+    // The leak checker looks for itself in /proc, which on the device is a plain folder.
+    for (const std::string& name : {std::string("self"), std::to_string(getpid())}) {
+        (void)!symlink(("/.proc/" + name).c_str(), ("/proc/" + name).c_str());
+    }
+    fuzz::reportFd = dup(STDERR_FILENO);
+    return 0;
+}

@@ -128,25 +128,24 @@ std::string RandomBytes(uint64_t size, Random& random) {
     return bytes;
 }
 
-// One page of memory. Four kinds in ten are kernel pointers and counters, three are text, one is
-// empty, two are noise.
+// One page of memory: mostly kernel pointers and counters or text, some empty, some noise.
 std::string MemoryPage(Random& random) {
     constexpr uint64_t kPage = 4096;
-    const uint64_t kind = random() % 10;
+    const uint64_t kind = random() % 16;
     std::string page;
-    if (kind < 4) {
+    if (kind < 6) {
         const uint64_t base = 0xffffffc000000000 | (random() & 0x3fff0000);
         while (page.size() < kPage) {
             const uint64_t noise = random();
-            const uint64_t word = (noise & 3) == 0 ? noise >> 52 : base | (noise & 0xfff8);
+            const uint64_t word = (noise & 3) == 0 ? noise >> 56 : base | (noise & 0x7f80);
             page.append(reinterpret_cast<const char*>(&word), sizeof(word));
         }
-    } else if (kind < 7) {
+    } else if (kind < 11) {
         const auto& style = LogStyles()[random() % LogStyles().size()];
         while (page.size() < kPage) {
             page += Filled(style.body[random() % style.body.size()], random) + '\0';
         }
-    } else if (kind > 7) {
+    } else if (kind > 13) {
         page = RandomBytes(kPage, random);
     }
     page.resize(kPage, '\0');

@@ -101,7 +101,7 @@ void MakeProc(const fs::path& device, const Scenario& scenario) {
 
 // A program that the device gets from the host; `package` is the Debian package that brings it.
 fs::path HostProgram(const std::string& name, const std::string& package) {
-    const fs::path program = FindProgram(name);
+    fs::path program = FindProgram(name);
     if (program.empty()) {
         throw DeviceError(name + " is missing on this machine; install the package " + package);
     }
@@ -129,7 +129,7 @@ fs::path FactoryLibraryPath(FactoryLibrary kind) {
 void MakeVendor(const fs::path& device, const Scenario& scenario) {
     std::string properties;
     for (const auto& [name, value] : scenario.properties) {
-        properties += name + "=" + value + "\n";
+        properties.append(name).append("=").append(value).append("\n");
     }
     WriteFile(OnDevice(device, "/vendor/build.prop"), properties);
     WriteFile(OnDevice(device, "/vendor/bin/vorta"), "");

@@ -89,7 +89,7 @@ fs::path FindProgram(const std::string& name) {
     const char* path = getenv("PATH");
     std::istringstream folders((path == nullptr ? "" : std::string(path)) + ":/usr/bin:/bin");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        const fs::path program =
+        fs::path program =
             name.find('/') == std::string::npos ? folder / fs::path(name) : fs::path(name);
         std::error_code error;
         if (fs::is_regular_file(program, error) && access(program.c_str(), X_OK) == 0) {

@@ -68,6 +68,7 @@ int Child::Wait() {
 
 Child Spawn(const std::vector<std::string>& argv, const SpawnOptions& options) {
     std::vector<char*> pointers;
+    pointers.reserve(argv.size() + 1);
     for (const std::string& argument : argv) {
         pointers.push_back(const_cast<char*>(argument.c_str()));
     }

@@ -1,11 +1,10 @@
 // The fields of the partition records by name.
 #include "device/RecordFields.h"
 
-#include "device/Files.h"
-
-#include <cctype>
 #include <charconv>
 #include <cstdio>
+
+#include "device/Files.h"
 
 namespace vortadev {
 

@@ -105,10 +105,10 @@ Arguments PartitionMounts(const fs::path& device, const RunOptions& options,
     if (!options.loop) {
         return {"--bind", device / "dev/block", "/dev/block"};
     }
-    const std::string folder = "/" + kPartitionFolder;
+    const fs::path folder = "/" + kPartitionFolder;
     Arguments arguments = {"--dir", folder};
     for (const auto& [name, loop] : resources.loops) {
-        Add(arguments, {"--dev-bind", loop.Path(), folder + "/" + name});
+        Add(arguments, {"--dev-bind", loop.Path(), folder / name});
     }
     return arguments;
 }

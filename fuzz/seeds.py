@@ -8,7 +8,7 @@ import subprocess
 
 END = b"\x1e"  # closes a text of an input
 RESERVED = 0x3B5D2957
-CORVEL, RIGHT_CRC = 1, 64  # second byte of an input of the target "service"
+CORVEL, RIGHT_CRC = 1, 32  # second byte of an input of the target "service"
 
 
 class Device:
@@ -55,14 +55,12 @@ def inputs(device):
     header = device.partition("rawdump", 0, 472)
     meta = device.partition("bootfail_info", 1024, 80)
     cmdline = device.read("proc/cmdline").strip()
-    board = device.read("proc/device-tree/rootparam/qcom,boardid")
     return {
         "power_on_log": b"\0" + device.read("proc/pmic_pon_log"),
         "command_line": END + cmdline + b"\n",
-        # Validity, detail, history, user type, board, a derived reason, history, clear, history.
-        "reason_header": header + bytes(40) + b"\0\1\6" + cmdline + END + b"\x03" + b"3" + END +
-                         b"\4" + board[:16].ljust(16, b"\0") + b"\x0aXVDD" + END + b"\6" + END +
-                         b"\5\6" + cmdline,
+        # Validity, a history line, user type 3, a derived reason, another line, clear, a line.
+        "reason_header": header + bytes(40) + b"\4\2" + cmdline + END + b"\x01" + b"3" + END +
+                         b"\x08XVDD" + END + b"\2" + END + b"\3\2" + cmdline,
         "meta_record": b"\0" + header[392:472] + meta + b"3",
         "service": service(device, header, meta),
     }

@@ -163,7 +163,7 @@ std::string MinidumpContent(const Fill& fill) {
     return dump;
 }
 
-// Lines of past boots; the last one is cut where the size ends, and closed with a newline.
+// Lines of past boots, one an hour; the first one's reason is stretched to reach the size.
 std::string HistoryContent(const Fill& fill) {
     static const char* const kReasons[][2] = {{"reboot", "NORMALBOOT"},
                                               {"reboot_longkey", "NORMALBOOT"},
@@ -171,18 +171,21 @@ std::string HistoryContent(const Fill& fill) {
                                               {"XVDD", "HARDWARE_FAULT"}};
     Random random(fill.seed);
     std::string history;
-    while (history.size() < fill.size) {
+    for (int hour = 0;; ++hour) {
+        char time[32];
+        (void)snprintf(time, sizeof(time), "%04d%02d%02d%02d", 2024 + hour / 8064,
+                       hour / 672 % 12 + 1, hour / 24 % 28 + 1, hour % 24);
         const auto& reason = kReasons[random() % 4];
-        const std::string time = Filled("2024010%1%0%3%-%%%%%%%%", random);
         char line[512];
-        (void)snprintf(line, sizeof(line), kHistoryFormat, reason[0], time.c_str(), reason[1]);
+        (void)snprintf(line, sizeof(line), kHistoryFormat, reason[0],
+                       (time + Filled("3%2%-%%%%%%%%", random)).c_str(), reason[1]);
+        if (history.size() + strlen(line) > fill.size) {
+            break;
+        }
         history += line;
     }
-    history.resize(fill.size);
-    if (!history.empty()) {
-        history.back() = '\n';
-    }
-    return history;
+    const size_t start = history.empty() ? 0 : std::string(kHistoryFormat).find("%s");
+    return history.insert(start, fill.size - history.size(), 'x');
 }
 
 const LogStyle* FindStyle(const std::string& name) {

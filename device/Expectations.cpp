@@ -138,6 +138,10 @@ PartitionImage Checker::Expected(const std::string& name) const {
 
 void Checker::CheckPartitions() {
     for (const auto& [name, image] : after_.partitions) {
+        if (before_.partitions.count(name) == 0) {
+            Require(false, name + " is not made by the daemon");
+            continue;
+        }
         const PartitionImage expected = Expected(name);
         Require(image.size == expected.size, name + " keeps its size");
         std::set<uint64_t> offsets;

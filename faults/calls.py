@@ -1,0 +1,85 @@
+"""The system calls of a boot: listed by a traced run, thinned where a loop repeats one, and the table
+of the errors that each can give on a phone."""
+from __future__ import annotations
+
+from collections import Counter
+from dataclasses import dataclass
+import re
+
+from boots import steps_of
+
+CALL = re.compile(r"(\w+)\(")
+# main begins with its look at standard output, before "StartVorta"; what stands above is the loader's.
+FIRST_OF_MAIN = re.compile(r"^(newfstatat|fstat)\(1<")
+# What a phone does by other means: the log's socket, and property files instead of shared memory.
+HOST_ONLY = re.compile(r"^(sendto|socket|connect)\(|/vendor/build\.prop|<(UNIX|socket):|/etc/localtime")
+
+# Errors of a call, first match wins. None: the call cannot fail in a way that the daemon sees.
+ERRORS = [(re.compile(pattern), errors.split()) for pattern, errors in (
+    (r"^read\(.*by-name/", "EIO EINTR ETIMEDOUT"), (r"^read\(", "EIO EINTR"),
+    (r"^write\(.*by-name/", "EIO EINTR ENOSPC ETIMEDOUT"), (r"^write\([12]<", "EIO"),
+    (r"^write\(", "EIO ENOSPC EINTR"), (r"^fsync\(", "EIO ENOSPC ETIMEDOUT"),
+    (r"^openat\(.*O_(CREAT|RDWR)", "EIO ENOSPC EACCES ENOMEM EMFILE EROFS"),
+    (r"^openat\(", "EIO EACCES ENOMEM EMFILE"), (r"^mkdir\(", "EIO ENOSPC EACCES ENOMEM EROFS"),
+    (r"^(unlink|rmdir|f?chmod|f?chown)\(", "EIO EACCES EROFS"),
+    (r"^(newfstatat|fstat|stat|access|statfs)\(", "EIO EACCES ENOMEM"), (r"^getdents64\(", "EIO ENOMEM"),
+    (r"^lseek\(", "EIO"), (r"^close\(\d+<pipe:", ""), (r"^close\(", "EIO"), (r"^pipe2?\(", "EMFILE ENOMEM"),
+    (r"^(clone3?|v?fork)\(", "EAGAIN ENOMEM"), (r"^wait4\(", "EINTR"),
+    (r"^(brk|mmap|mprotect)\(", "ENOMEM"),
+    (r"^(exit_group|rt_sig\w+|munmap|prlimit64|fcntl|getrandom|futex|sched_\w+|madvise)\(", ""))]
+MEMORY = ("brk", "mmap", "mprotect")
+
+
+@dataclass(frozen=True)
+class Call:
+    """A call of a traced boot. `nth` counts the calls of its name from the start of the process, as
+    strace's when= does; `index` is its place among all of them."""
+    index: int
+    name: str
+    nth: int
+    text: str
+    step: str
+
+
+def parse(trace: list[str]) -> list[Call]:
+    """All calls of the process, the loader's included."""
+    texts = [line for line in trace if CALL.match(line)]
+    counted: Counter[str] = Counter()
+    calls = []
+    for index, (text, step) in enumerate(zip(texts, steps_of(texts))):
+        name = CALL.match(text).group(1)  # type: ignore[union-attr]
+        counted[name] += 1
+        calls.append(Call(index, name, counted[name], text, step))
+    return calls
+
+
+def of_daemon(calls: list[Call]) -> list[Call]:
+    start = next(call.index for call in calls if FIRST_OF_MAIN.match(call.text))
+    return [call for call in calls[start:] if not HOST_ONLY.search(call.text)]
+
+
+def errors_of(call: Call) -> list[str]:
+    for pattern, errors in ERRORS:
+        if pattern.match(call.text):
+            return errors
+    raise SystemExit(f"faults/calls.py: the table of errors lacks {call.text}")
+
+
+def shape(call: Call) -> tuple[str, str, str]:
+    """Equal for the calls of one loop: same step, same name, same file and size, other offsets."""
+    file = re.search(r"<([^>]*)>|\"([^\"]*)\"", call.text)
+    size = call.text.split(",")[-1].split(")")[0] if call.name in ("read", "write") else ""
+    return (call.step, call.name, (file.group(0) if file else "") + size)
+
+
+def thinned(calls: list[Call], above: int) -> tuple[list[Call], int]:
+    """Of more than `above` equal calls the first, the second, the middle and the last two; and the
+    number of those left out."""
+    groups: dict[tuple[str, str, str], list[Call]] = {}
+    for call in calls:
+        groups.setdefault(shape(call), []).append(call)
+    kept = []
+    for group in groups.values():
+        places = {0, 1, len(group) // 2, len(group) - 2, len(group) - 1}
+        kept += group if len(group) <= max(above, 5) else [group[place] for place in sorted(places)]
+    return sorted(kept, key=lambda call: call.index), len(calls) - len(kept)

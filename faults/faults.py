@@ -1,0 +1,135 @@
+"""The fault campaign: each system call of each boot fails, in each way that it can, once alone and from
+there on; then the device boots again without faults."""
+from __future__ import annotations
+
+from collections import Counter
+from dataclasses import dataclass
+from pathlib import Path
+import os
+import re
+import subprocess
+import sys
+import time
+
+from boots import with_dependents
+from calls import MEMORY, Call, errors_of, of_daemon, thinned
+from campaign import (Outcome, Prepared, arguments, judge_next, prepare_all, report, run_all, scratch_folder)
+from device import MINIDUMP_SIZE
+from invariants import FAULT, Broken, Case, judge
+
+LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 23
+PACK_CALLS = MINIDUMP_SIZE // 128  # the daemon packs 128 bytes a call
+TERMINAL = re.compile(r"^write\([12]<")
+
+
+@dataclass(frozen=True)
+class Fault:
+    """The call fails with the error, or as a preloaded `order` says; `on`: so do all later calls of
+    its name."""
+    boot: str
+    call: Call
+    error: str
+    on: bool
+    order: str = ""
+
+    @property
+    def name(self) -> str:
+        place = self.order or f"{self.call.name}:{self.call.nth}"
+        return f"{self.boot}:{place}:{self.error}:{'on' if self.on else 'once'}"
+
+    def strace(self) -> tuple[str, ...]:
+        # A refused brk gives the old break; an error number would look like an address.
+        how = "retval=0" if self.call.name == "brk" else f"error={self.error}"
+        when = f"{self.call.nth}{'+' if self.on else ''}"
+        return ("-e", f"trace={self.call.name}", "-e", f"inject={self.call.name}:{how}:when={when}")
+
+
+def error_faults(boot: str, calls: list[Call]) -> list[Fault]:
+    """Interruptions come one at a time: they are repeated by contract, for ever if they never end. So do
+    failing closes: strace leaves the file open, which a kernel never does and which blocks a pipe."""
+    return [Fault(boot, call, error, on) for call in calls for error in errors_of(call)
+            for on in (False, True) if not (on and (error == "EINTR" or call.name == "close"))]
+
+
+def short_faults(boot: str, everything: list[Call], selected: set[int]) -> list[Fault]:
+    """Writes that take half of the bytes or none, and pack calls that take none."""
+    writes = [call for call in everything if call.name == "write" and not TERMINAL.match(call.text)]
+    faults = [Fault(boot, call, kind, on, f"write:{kind}:{nth}{'+' if on else ''}")
+              for nth, call in enumerate(writes, 1) if call.index in selected
+              for kind, on in (("half", False), ("half", True), ("none", False))]
+    packing = [call for call in writes if "rawdump.bin>" in call.text]
+    faults += [Fault(boot, packing[0], "none", on, f"gzwrite:none:{nth}{'+' if on else ''}")
+               for nth in (1, 2, PACK_CALLS // 2, PACK_CALLS - 1, PACK_CALLS) if packing for on in (False, True)]
+    return faults
+
+
+def plan(prepared: Prepared, short: bool, sanitized: bool) -> tuple[list[Fault], Counter[str]]:
+    calls = of_daemon(prepared.calls)
+    if sanitized:  # its own memory is no part of the daemon
+        calls = [call for call in calls if call.name not in MEMORY]
+    kept, merged = thinned(calls, SHORT_LOOP if short else LOOP)
+    faults = error_faults(prepared.boot.name, kept)
+    if not sanitized:
+        faults += short_faults(prepared.boot.name, calls, {call.index for call in kept})
+    if short:
+        faults = faults[::SHORT_STRIDE]
+    return faults, Counter({"calls": len(calls), "merged": merged})
+
+
+def affected_steps(fault: Fault, prepared: Prepared) -> frozenset[str]:
+    """Nothing depends on what is written to standard output and error."""
+    struck = [fault.call] + [call for call in prepared.calls if fault.on and call.name == fault.call.name
+                             and call.index > fault.call.index]
+    return frozenset(with_dependents({call.step for call in struck if not TERMINAL.match(call.text)}))
+
+
+def try_fault(fault: Fault) -> Outcome:
+    prepared = PREPARED[fault.boot]
+    device = prepared.template.copy_to(SCRATCH / str(os.getpid()))
+    run = device.boot(preload=(LIBRARY, fault.order)) if fault.order else device.boot(strace=fault.strace())
+    after = device.read()
+    affected = affected_steps(fault, prepared)
+    failed = "" if fault.order or fault.error == "EINTR" and not tells_interruption(fault) else fault.call.text
+    broken = judge(Case(prepared.boot, FAULT, prepared.first, prepared.clean, prepared.first, after, run,
+                        affected, failed))
+    if not fault.order and not any("(INJECTED)" in line for line in run.trace):
+        broken.append(("reached", "the call to fail was not made"))
+    broken += next_boot(prepared, device, after, affected)
+    return Outcome(fault.name, fault.boot, fault.call.text, broken, Counter({"faults": 1}))
+
+
+def tells_interruption(fault: Fault) -> bool:
+    """The transfers of records are not repeated; their failure is logged like any other."""
+    return bool(re.search(r"^write\(.*(by-name/|history\.log)", fault.call.text))
+
+
+KNOWN_STATES: dict[tuple[str, int, bool], list[Broken]] = {}
+
+
+def next_boot(prepared: Prepared, device, after, affected: frozenset[str]) -> list[Broken]:
+    """The boot after it. Devices that differ in nothing but times boot alike: one of them is run."""
+    key = (prepared.boot.name, after.digest(), "node" in affected)
+    if key not in KNOWN_STATES:
+        KNOWN_STATES[key] = judge_next(prepared, device, after, affected)
+    return KNOWN_STATES[key]
+
+
+def main() -> int:
+    global PREPARED, SCRATCH, LIBRARY
+    started = time.monotonic()
+    options = arguments("faults", __doc__)
+    with scratch_folder() as folder:
+        SCRATCH, LIBRARY = Path(folder), Path(folder) / "faults.so"
+        source = Path(__file__).with_name("shortio.c")
+        subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", LIBRARY, source, "-ldl"], check=True)
+        PREPARED = prepare_all(SCRATCH, options)
+        sanitized = b"__asan_init" in options.daemon.read_bytes()
+        plans = {name: plan(prepared, options.short, sanitized) for name, prepared in PREPARED.items()}
+        faults = [fault for listed, _ in plans.values() for fault in listed if re.search(options.only, fault.name)]
+        outcomes = run_all(faults, try_fault, options.jobs)
+    counts = {name: counted for name, (_, counted) in plans.items()}
+    return report("faults", options, outcomes, counts, started, not (options.short or options.only or sanitized))
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,50 @@
+/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:KIND:N or
+ * CALL:KIND:N+ and strikes the N-th call, or all from the N-th on:
+ *     write:half    writes the first half of the bytes (at least one)
+ *     write:none    writes nothing and gives 0
+ *     gzwrite:none  packs nothing and gives 0 */
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+static char call[8], kind[8];
+static long first, counted;
+static int on;
+
+__attribute__((constructor)) static void ReadOrder(void) {
+    const char* order = getenv("FAULT");
+    if (order == NULL || strcmp(program_invocation_short_name, "vorta") != 0) {
+        return;  /* the shell and its tools are left alone */
+    }
+    const char* colon = strchr(order, ':');
+    const char* last = strrchr(order, ':');
+    strncpy(call, order, (size_t)(colon - order));
+    strncpy(kind, colon + 1, (size_t)(last - colon - 1));
+    char* end = NULL;
+    first = strtol(last + 1, &end, 10);
+    on = *end == '+';
+}
+
+static int Strikes(const char* name) {
+    if (strcmp(name, call) != 0) {
+        return 0;
+    }
+    ++counted;
+    return counted == first || (on && counted > first);
+}
+
+ssize_t write(int fd, const void* bytes, size_t size) {
+    ssize_t (*real)(int, const void*, size_t) = dlsym(RTLD_NEXT, "write");
+    if (!Strikes("write")) {
+        return real(fd, bytes, size);
+    }
+    return strcmp(kind, "half") == 0 ? real(fd, bytes, size > 1 ? size / 2 : size) : 0;
+}
+
+int gzwrite(void* file, const void* bytes, unsigned size) {
+    int (*real)(void*, const void*, unsigned) = dlsym(RTLD_NEXT, "gzwrite");
+    return Strikes("gzwrite") ? 0 : real(file, bytes, size);
+}

@@ -1,0 +1,117 @@
+"""A conservative model of storage: what of a boot's files may be missing after a power cut. Partitions
+are written through (O_SYNC), a record by one call, so that they are whole, before or after it. Of files,
+bytes written without O_SYNC and not yet flushed may be there, absent, or torn at 4 KiB, and a new name
+may be missing until its own file or folder, or the folder that it stands in, was flushed."""
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+from pathlib import PurePosixPath
+import re
+from typing import Callable
+
+from calls import Call
+from device import BLOCK, STAMP, State
+
+RUN_TIME = re.compile(rf"\[GetRecordTime\] get time \[({STAMP.pattern})\]")
+OPENED = re.compile(r'^openat\(AT_FDCWD<[^>]*>, "/data/([^"]*)", (\S+?)[,)].* = (\d+)<')
+MADE = re.compile(r'^mkdir\("/data/([^"]*)".* = 0')
+REMOVED = re.compile(r'^(?:unlink|rmdir)\("/data/([^"]*)"\) = 0')
+WRITTEN = re.compile(r"^write\((\d+)</data/([^>]*)>.* = (\d+)$")
+FLUSHED = re.compile(r"^fsync\(\d+</data/([^>]*)>\) = 0")
+
+
+@dataclass
+class Pending:
+    """What storage may lack: of each file the bytes behind those that are flushed, and names."""
+    flushed: dict[str, int] = field(default_factory=dict)
+    names: set[str] = field(default_factory=set)
+
+
+def pending_after(calls: list[Call], existing: set[str]) -> Pending:
+    """Plays the calls on storage that holds the `existing` names. The time of the run reads TIME."""
+    pending, through, known = Pending(), {}, set(existing)
+    stamp = next((found.group(1) for call in calls if (found := RUN_TIME.search(call.text))), None)
+    sizes: dict[str, int] = {}
+    for call in calls:
+        text = call.text.replace(stamp, "TIME") if stamp else call.text
+        if found := OPENED.match(text):
+            name, flags, descriptor = found.groups()
+            through[descriptor] = "O_SYNC" in flags
+            if "O_CREAT" in flags and name not in known:
+                known.add(name)
+                pending.names.add(name)
+        elif found := MADE.match(text):
+            pending.names.add(found.group(1) + "/")
+        elif found := REMOVED.match(text):
+            pending.flushed.pop(found.group(1), None)
+            known.discard(found.group(1))
+        elif found := WRITTEN.match(text):
+            descriptor, name, size = found.groups()
+            if through.get(descriptor):
+                pending.names.discard(name)
+            else:
+                pending.flushed.setdefault(name, sizes.get(name, 0))
+            sizes[name] = sizes.get(name, 0) + int(size)
+        elif found := FLUSHED.match(text):
+            name = found.group(1)
+            pending.flushed.pop(name, None)
+            pending.names = {other for other in pending.names if other.rstrip("/") != name
+                             and str(PurePosixPath(other).parent) != name}
+    return pending
+
+
+Content = Callable[[bytes, int], bytes]  # a file and how much of it is flushed: what may be found of it
+
+
+def kept(content: bytes, flushed: int) -> bytes:
+    return content
+
+
+def absent(content: bytes, flushed: int) -> bytes:
+    return content[:flushed]
+
+
+def torn(content: bytes, flushed: int) -> bytes:
+    return content[:flushed + (len(content) - flushed) // 2 // BLOCK * BLOCK]
+
+
+def holed(content: bytes, flushed: int) -> bytes:
+    hole = content[flushed:flushed + BLOCK]
+    return content[:flushed] + bytes(len(hole)) + content[flushed + BLOCK:]
+
+
+# Name of a way that storage may look, what it has of unflushed bytes, and which new names it lacks.
+WAYS: tuple[tuple[str, Content, Callable[[str], bool]], ...] = (
+    ("all there", kept, lambda name: False), ("unflushed bytes absent", absent, lambda name: False),
+    ("torn in the middle", torn, lambda name: False), ("first 4 KiB absent", holed, lambda name: False),
+    ("new folders absent", kept, lambda name: name.endswith("/")),
+    ("new names absent", absent, lambda name: True))
+
+
+def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, State]]:
+    """The ways that storage may look after the cut, each once. Files that the daemon did not open itself
+    are the shell's: nothing of them is flushed."""
+    named = {}
+    for name in now.files:
+        stamp = STAMP.search(name) if name not in before.files else None
+        named[name] = name.replace(stamp.group(), "TIME") if stamp else name
+    opened = pending.names | set(pending.flushed)
+    found: dict[int, tuple[str, State]] = {}
+    for way, content, lacks in WAYS:
+        lost = {name for name, plain in named.items() if plain in pending.names and lacks(plain)}
+        files = {}
+        for name, data in now.files.items():
+            shells = name not in before.files and named[name] not in opened and is_text_log(name)
+            if any(name == other or (other.endswith("/") and name.startswith(other)) for other in lost) \
+                    or (shells and lacks(name)):
+                continue
+            flushed = pending.flushed.get(named[name], 0 if shells else None)
+            files[name] = data if flushed is None else content(data, flushed)
+        state = now.with_files(files)
+        found.setdefault(state.digest(), (way, state))
+    return list(found.values())
+
+
+def is_text_log(name: str) -> bool:
+    """The daemon's own files in a dump folder have an extension, the marker's name or the suffix _tmp."""
+    return not name.endswith(("/", ".bin", "DONE", "_tmp", ".log", ".txt"))

@@ -11,8 +11,9 @@ from boots import steps_of
 CALL = re.compile(r"(\w+)\(")
 # main begins with its look at standard output, before "StartVorta"; what stands above is the loader's.
 FIRST_OF_MAIN = re.compile(r"^(newfstatat|fstat)\(1<")
-# What a phone does by other means: the log's socket, and property files instead of shared memory.
-HOST_ONLY = re.compile(r"^(sendto|socket|connect)\(|/vendor/build\.prop|<(UNIX|socket):|/etc/localtime")
+# What a phone does by other means: the log's socket, a property file, time zones, the factory library.
+HOST_ONLY = re.compile(r"^(sendto|socket|connect)\(|/vendor/build\.prop|<(UNIX|socket):|/etc/localtime|"
+                       r"/vendor/factory/events")
 
 # Errors of a call, first match wins. None: the call cannot fail in a way that the daemon sees.
 ERRORS = [(re.compile(pattern), errors.split()) for pattern, errors in (

@@ -63,7 +63,7 @@ def short_faults(boot: str, everything: list[Call], selected: set[int]) -> list[
     return faults
 
 
-def plan(prepared: Prepared, short: bool, sanitized: bool) -> tuple[list[Fault], Counter[str]]:
+def plan(prepared: Prepared, short: bool, stride: int, sanitized: bool) -> tuple[list[Fault], Counter[str]]:
     calls = of_daemon(prepared.calls)
     if sanitized:  # its own memory is no part of the daemon
         calls = [call for call in calls if call.name not in MEMORY]
@@ -71,9 +71,7 @@ def plan(prepared: Prepared, short: bool, sanitized: bool) -> tuple[list[Fault],
     faults = error_faults(prepared.boot.name, kept)
     if not sanitized:
         faults += short_faults(prepared.boot.name, calls, {call.index for call in kept})
-    if short:
-        faults = faults[::SHORT_STRIDE]
-    return faults, Counter({"calls": len(calls), "merged": merged})
+    return faults[::stride], Counter({"calls": len(calls), "merged": merged})
 
 
 def affected_steps(fault: Fault, prepared: Prepared) -> frozenset[str]:
@@ -100,7 +98,7 @@ def try_fault(fault: Fault) -> Outcome:
 
 def tells_interruption(fault: Fault) -> bool:
     """The transfers of records are not repeated; their failure is logged like any other."""
-    return bool(re.search(r"^write\(.*(by-name/|history\.log)", fault.call.text))
+    return bool(re.search(r"^write\(\d+<[^>]*(by-name/|history\.log)", fault.call.text))
 
 
 KNOWN_STATES: dict[tuple[str, int, bool], list[Broken]] = {}
@@ -124,7 +122,8 @@ def main() -> int:
         subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", LIBRARY, source, "-ldl"], check=True)
         PREPARED = prepare_all(SCRATCH, options)
         sanitized = b"__asan_init" in options.daemon.read_bytes()
-        plans = {name: plan(prepared, options.short, sanitized) for name, prepared in PREPARED.items()}
+        stride = SHORT_STRIDE if options.short and not options.only else 1
+        plans = {name: plan(prepared, options.short, stride, sanitized) for name, prepared in PREPARED.items()}
         faults = [fault for listed, _ in plans.values() for fault in listed if re.search(options.only, fault.name)]
         outcomes = run_all(faults, try_fault, options.jobs)
     counts = {name: counted for name, (_, counted) in plans.items()}

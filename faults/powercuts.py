@@ -17,7 +17,7 @@ from invariants import CUT, NEXT, Broken, Case, judge
 from storage import after_cut, pending_after
 
 LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
-DEEP, SHORT_DEEP = 2, 0  # second cuts for each state that a first one leaves
+DEEP, SHORT_DEEP = 1, 0  # second cuts for each state that a first one leaves
 CHANGES = re.compile(r"^(write\((?![12]<)|openat\(.*O_CREAT|mkdir|unlink|rmdir|fsync|clone|wait4|exit_group)")
 
 
@@ -88,7 +88,11 @@ def states_after(prepared: Prepared, device: Device, before: State, made: list[C
             SEEN[key] = boots_after(prepared, device, state, tried, deep)
         tried["states"] += 1
         broken += [(name, f"{way}: {wrong}") for name, wrong in found + SEEN[key]]
-    return list(dict(broken).items())
+    return first_of_each(broken)
+
+
+def first_of_each(broken: list[Broken]) -> list[Broken]:
+    return list(dict(reversed(broken)).items())
 
 
 def boots_after(prepared: Prepared, device: Device, state: State, tried: Counter[str], deep: int) -> list[Broken]:

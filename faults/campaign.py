@@ -10,16 +10,15 @@ import multiprocessing
 from pathlib import Path
 import re
 import shlex
-import shutil
 import sys
 import tempfile
 import time
-from typing import Any, Callable, Iterable
+from typing import Any, Callable
 
 from boots import BOOTS, COMMON, STEPS, Boot
-from calls import Call, of_daemon, parse
+from calls import Call, parse
 from device import Device, State
-from invariants import CUT, FAULT, INVARIANTS, NEXT, Broken, Case, judge, load_hazards
+from invariants import FAULT, INVARIANTS, NEXT, Broken, Case, Hazard, judge, load_hazards
 
 ROOT = Path(__file__).resolve().parent.parent
 
@@ -114,53 +113,57 @@ def run_all(cases: list[Any], work: Callable[[Any], Outcome], jobs: int) -> list
     return sorted(outcomes, key=lambda outcome: outcome.case)
 
 
-def table(rows: list[list[Any]]) -> str:
-    widths = [max(len(str(row[column])) for row in rows) for column in range(len(rows[0]))]
-    return "\n".join("  ".join(str(cell).ljust(width) if column == 0 else str(cell).rjust(width)
-                               for column, (cell, width) in enumerate(zip(row, widths))) for row in rows)
+@dataclass
+class Result:
+    """All outcomes, sorted: what broke, and how often each kept hazard explained a break."""
+    counts: dict[str, Counter[str]]
+    broken: list[Outcome]
+    known: dict[str, int]
+    stale: list[str]
+
+    @staticmethod
+    def of(outcomes: list[Outcome], hazards: list[Hazard], counts: dict[str, Counter[str]]) -> Result:
+        result = Result(counts, [], dict.fromkeys((hazard.name for hazard in hazards), 0), [])
+        for outcome in outcomes:
+            result.counts[outcome.boot].update(outcome.tried)
+            fault = f"{outcome.case} {outcome.call}"
+            hazard = next((h for h in hazards if h.explains(outcome.boot, fault, outcome.broken)), None)
+            if outcome.broken and hazard:
+                result.known[hazard.name] += 1
+                result.counts[outcome.boot]["known"] += 1
+            elif outcome.broken:
+                result.broken.append(outcome)
+                result.counts[outcome.boot]["broken"] += 1
+        result.stale = [name for name, count in result.known.items() if count == 0]
+        return result
+
+    def table(self) -> str:
+        columns = list(dict.fromkeys([key for count in self.counts.values() for key in count] + ["known", "broken"]))
+        rows = [[name, *(count[key] for key in columns)] for name, count in self.counts.items()]
+        rows.append(["all", *(sum(row[i + 1] for row in rows) for i in range(len(columns)))])
+        return "\n".join(f"{row[0]:<10}" + "".join(f"{cell:>10}" for cell in row[1:])
+                         for row in [["boot", *columns], *rows])
 
 
-def report(program: str, options: argparse.Namespace, outcomes: list[Outcome], plan: dict[str, Counter[str]],
-           started: float, stale_matters: bool) -> int:
-    """Sorts the outcomes into held, known and broken, prints and writes that; the exit status."""
-    hazards = options.hazards
-    matched: Counter[int] = Counter()
-    broken: list[Outcome] = []
-    counts = {name: Counter(plan[name]) for name in plan}
-    for outcome in outcomes:
-        counts[outcome.boot].update(outcome.tried)
-        match = next((i for i, hazard in enumerate(hazards)
-                      if hazard.explains(outcome.boot, f"{outcome.case} {outcome.call}", outcome.broken)), None)
-        if outcome.broken and match is not None:
-            matched[match] += 1
-            counts[outcome.boot]["known"] += 1
-        elif outcome.broken:
-            broken.append(outcome)
-            counts[outcome.boot]["broken"] += 1
-    stale = [hazard for i, hazard in enumerate(hazards) if stale_matters and not matched[i]]
-    columns = list(dict.fromkeys([key for count in counts.values() for key in count] + ["known", "broken"]))
-    rows = [["boot", *columns]] + [[name, *(count[key] for key in columns)] for name, count in counts.items()]
-    rows.append(["all", *(sum(row[i + 1] for row in rows[1:]) for i in range(len(columns)))])
-    print(table(rows))
-    for outcome in broken[:10]:
+def report(program: str, options: argparse.Namespace, result: Result, started: float) -> int:
+    """Prints the result, writes it as JSON where that is wanted, and gives the exit status."""
+    seconds = round(time.monotonic() - started)
+    print(result.table())
+    for outcome in result.broken[:10]:
         print(f"\nBROKEN {outcome.case}\n  {outcome.call}")
         print("\n".join(f"  {name}: {wrong}" for name, wrong in outcome.broken))
-    for i, count in sorted(matched.items()):
-        print(f"known: {count} by {hazards[i].fault.pattern}: {hazards[i].reference}")
-    for hazard in stale:
-        print(f"STALE: no fault matches {hazard.fault.pattern} any more; strike it out")
-    if broken:
-        print(f"\nTo repeat the first: {repeat(program, options, broken[0])}")
-    print(f"\n{len(broken)} broken, {sum(matched.values())} known, {len(stale)} stale, "
-          f"{time.monotonic() - started:.0f} s")
+    print("".join(f"\nknown: {count} by {name}" for name, count in result.known.items() if count))
+    print("".join(f"STALE: no fault shows this any more; strike it out: {name}\n" for name in result.stale), end="")
+    if result.broken:
+        print(f"To repeat the first: {repeat(program, options, result.broken[0])}")
+    print(f"{len(result.broken)} broken, {sum(result.known.values())} known, {len(result.stale)} stale, {seconds} s")
     if options.json:
         options.json.write_text(json.dumps({
-            "program": program, "short": options.short, "seconds": round(time.monotonic() - started),
-            "boots": counts, "invariants": {item.name: item.meaning for item in INVARIANTS},
-            "broken": [{"case": o.case, "call": o.call, "invariants": dict(o.broken)} for o in broken],
-            "known": {f"{hazards[i].fault.pattern}: {hazards[i].reference}": n for i, n in matched.items()},
-            "stale": [hazard.fault.pattern for hazard in stale]}, indent=2) + "\n")
-    return 1 if broken or stale else 0
+            "program": program, "short": options.short, "seconds": seconds, "boots": result.counts,
+            "broken": [{"case": o.case, "call": o.call, "invariants": dict(o.broken)} for o in result.broken],
+            "known": result.known, "stale": result.stale,
+            "invariants": {item.name: item.meaning for item in INVARIANTS}}, indent=2) + "\n")
+    return 1 if result.broken or result.stale else 0
 
 
 def repeat(program: str, options: argparse.Namespace, outcome: Outcome) -> str:
@@ -179,5 +182,4 @@ def scratch_folder() -> tempfile.TemporaryDirectory[str]:
 
 
 def prepare_all(scratch: Path, options: argparse.Namespace) -> dict[str, Prepared]:
-    names: Iterable[str] = BOOTS
-    return {name: prepare(BOOTS[name], scratch, options) for name in names}
+    return {name: prepare(boot, scratch, options) for name, boot in BOOTS.items()}

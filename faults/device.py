@@ -91,9 +91,6 @@ class State:
             ("bootfail_info", 1024, 56))]
         return hash((*files, *records))
 
-    def with_files(self, files: dict[str, bytes]) -> State:
-        return replace(self, files=files)
-
 
 @dataclass(frozen=True)
 class Run:

@@ -13,8 +13,9 @@ import time
 
 from boots import with_dependents
 from calls import MEMORY, Call, errors_of, of_daemon, thinned
-from campaign import (Outcome, Prepared, arguments, judge_next, prepare_all, report, run_all, scratch_folder)
-from device import MINIDUMP_SIZE
+from campaign import (Outcome, Prepared, Result, arguments, judge_next, prepare_all, report, run_all,
+                      scratch_folder)
+from device import MINIDUMP_SIZE, Device, State
 from invariants import FAULT, Broken, Case, judge
 
 LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 23
@@ -104,7 +105,7 @@ def tells_interruption(fault: Fault) -> bool:
 KNOWN_STATES: dict[tuple[str, int, bool], list[Broken]] = {}
 
 
-def next_boot(prepared: Prepared, device, after, affected: frozenset[str]) -> list[Broken]:
+def next_boot(prepared: Prepared, device: Device, after: State, affected: frozenset[str]) -> list[Broken]:
     """The boot after it. Devices that differ in nothing but times boot alike: one of them is run."""
     key = (prepared.boot.name, after.digest(), "node" in affected)
     if key not in KNOWN_STATES:
@@ -126,8 +127,10 @@ def main() -> int:
         plans = {name: plan(prepared, options.short, stride, sanitized) for name, prepared in PREPARED.items()}
         faults = [fault for listed, _ in plans.values() for fault in listed if re.search(options.only, fault.name)]
         outcomes = run_all(faults, try_fault, options.jobs)
-    counts = {name: counted for name, (_, counted) in plans.items()}
-    return report("faults", options, outcomes, counts, started, not (options.short or options.only or sanitized))
+    result = Result.of(outcomes, options.hazards, {name: counted for name, (_, counted) in plans.items()})
+    if options.short or options.only or sanitized:
+        result.stale = []  # a sample need not show them all
+    return report("faults", options, result, started)
 
 
 if __name__ == "__main__":

@@ -223,6 +223,10 @@ class Hazard:
     breaks: tuple[str, ...]
     reference: str
 
+    @property
+    def name(self) -> str:
+        return f"{self.fault.pattern} ({self.reference})"
+
     def explains(self, boot: str, fault: str, broken: list[Broken]) -> bool:
         return (bool(self.boots.fullmatch(boot)) and bool(self.fault.search(fault))
                 and all(name in self.breaks for name, _ in broken))

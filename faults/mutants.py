@@ -4,7 +4,6 @@ the campaigns against each of them: every mutant must break an invariant, the un
 from __future__ import annotations
 
 import argparse
-from dataclasses import dataclass
 import json
 from pathlib import Path
 import re
@@ -14,48 +13,31 @@ import sys
 import tempfile
 
 ROOT = Path(__file__).resolve().parent.parent
-PARTS = (("faults", "^panic:(write:(half|none):|write:[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
+PARTS = (("faults", "^panic:(write:(half|none):|(write|openat):[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
 
 
-@dataclass(frozen=True)
-class Mutant:
-    """What is wrong, and the change that makes it so: a pattern in one source and its replacement."""
-    name: str
-    source: str = "rainbow/DumpUpdate.cpp"
-    pattern: str = "$^"
-    replacement: str = ""
-
-
+# What is wrong, the source, and the changes that make it so: patterns and their replacements.
+UPDATE, HANDLE = "rainbow/DumpUpdate.cpp", "handle/VortaHandle.cpp"
 MUTANTS = (
-    Mutant("unchanged"),
-    Mutant("no flush before the header is cleared", pattern=r"if \(fsync\(fd\) != 0[^{]*\{",
-           replacement="if (fd < 0) {"),
-    Mutant("dump header cleared before the copy", pattern=r"(    const int tmpFd = )",
-           replacement=r"    UpdatePartDumpHeader(kind);\n\1"),
-    Mutant("dump header cleared before the packing", pattern=r"(    const int rawFd = )",
-           replacement=r"    UpdatePartDumpHeader(kind);\n\1"),
-    Mutant("reason node cleared at the end", pattern=r"(?s)    UpdatePartReasonHeader\(\);\n(.*?kDumpTypeMini\)\);\n\})",
-           replacement=r"\1"),
-    Mutant("WriteRetry without its loop", "handle/VortaHandle.cpp",
-           r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),
-)
+    ("unchanged", UPDATE, ()),
+    ("no flush before the header is cleared", UPDATE, ((r"if \(fsync\(fd\) != 0[^{]*\{", "if (fd < 0) {"),)),
+    ("dump header cleared before the copy", UPDATE,
+     ((r"(    const int tmpFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
+    ("dump header cleared before the packing", UPDATE,
+     ((r"(    const int rawFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
+    ("reason node cleared at the end", UPDATE,
+     ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n"))),
+    ("WriteRetry without its loop", HANDLE,
+     ((r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),)))
 
 
-def changed(mutant: Mutant, text: str) -> str:
-    if mutant.name == "unchanged":
-        return text
-    mutated, count = re.subn(mutant.pattern, mutant.replacement, text, count=1)
-    if mutant.name.startswith("reason node"):  # the call that was taken out goes behind the marker
-        mutated = re.sub(r"(markerPath, [^\n]*\n)", r"\1    UpdatePartReasonHeader();\n", mutated, count=1)
-    if count != 1:
-        raise SystemExit(f"faults/mutants.py: {mutant.source} has changed: nothing matches {mutant.pattern}")
-    return mutated
-
-
-def build(mutant: Mutant, tree: Path) -> Path:
-    source = tree / mutant.source
-    original = source.read_text()
-    source.write_text(changed(mutant, original))
+def build(source: Path, changes: tuple[tuple[str, str], ...], tree: Path) -> Path:
+    original = text = source.read_text()
+    for pattern, replacement in changes:
+        text, count = re.subn(pattern, replacement, text, count=1)
+        if count != 1:
+            raise SystemExit(f"faults/mutants.py: nothing in {source} matches {pattern}; it has changed")
+    source.write_text(text)
     subprocess.run(["cmake", "--build", tree / "build", "--target", "vorta"], check=True, capture_output=True)
     source.write_text(original)
     return tree / "build/vorta"
@@ -87,15 +69,16 @@ def main() -> int:
         shutil.copytree(ROOT, tree, ignore=shutil.ignore_patterns("build", ".git"))
         subprocess.run(["cmake", "-S", tree, "-B", tree / "build", "-G", "Ninja",
                         "-DCMAKE_BUILD_TYPE=RelWithDebInfo"], check=True, capture_output=True)
-        for mutant in MUTANTS:
-            daemon = build(mutant, tree)
+        for name, source, changes in MUTANTS:
+            daemon = build(tree / source, changes, tree)
             found = {part: try_mutant(part, only, daemon, options) for part, only in PARTS}
             noticed = any(found.values())
-            right = noticed != (mutant.name == "unchanged")
+            right = noticed == bool(changes)
             wrong += not right
-            print(f"{mutant.name}: {'noticed' if noticed else 'nothing broke'}{'' if right else '  <-- WRONG'}")
+            print(f"{name}: {'noticed' if noticed else 'nothing broke'}{'' if right else '  <-- WRONG'}")
             for part, lines in found.items():
-                print("\n".join(f"    {part}: {line[:160]}" for line in lines) or f"    {part}: nothing broke", flush=True)
+                told = [line[:160] for line in lines] or ["nothing broke"]
+                print("\n".join(f"    {part}: {line}" for line in told), flush=True)
     return 1 if wrong else 0
 
 

@@ -11,7 +11,7 @@ import sys
 import time
 
 from calls import Call, of_daemon, parse, thinned
-from campaign import Outcome, Prepared, arguments, prepare_all, report, run_all, scratch_folder
+from campaign import Outcome, Prepared, Result, arguments, prepare_all, report, run_all, scratch_folder
 from device import Device, State
 from invariants import CUT, NEXT, Broken, Case, judge
 from storage import after_cut, pending_after
@@ -128,8 +128,9 @@ def main() -> int:
         plans = {name: plan(prepared, options.short) for name, prepared in PREPARED.items()}
         cuts = [case for listed, _ in plans.values() for case in listed if re.search(options.only, case.name)]
         outcomes = run_all(cuts, try_cut, options.jobs)
-    counts = {name: counted for name, (_, counted) in plans.items()}
-    return report("powercuts", options, outcomes, counts, started, stale_matters=False)
+    # No cut breaks anything: the hazards that are kept are those of faults.
+    result = Result.of(outcomes, [], {name: counted for name, (_, counted) in plans.items()})
+    return report("powercuts", options, result, started)
 
 
 if __name__ == "__main__":

@@ -22,14 +22,16 @@ FLUSHED = re.compile(r"^fsync\(\d+</data/([^>]*)>\) = 0")
 
 @dataclass
 class Pending:
-    """What storage may lack: of each file the bytes behind those that are flushed, and names."""
+    """What storage may lack: of each file the bytes behind those that are flushed, and names. `known` are
+    the names that the daemon made."""
     flushed: dict[str, int] = field(default_factory=dict)
     names: set[str] = field(default_factory=set)
+    known: set[str] = field(default_factory=set)
 
 
 def pending_after(calls: list[Call], existing: set[str]) -> Pending:
     """Plays the calls on storage that holds the `existing` names. The time of the run reads TIME."""
-    pending, through, known = Pending(), {}, set(existing)
+    pending, through = Pending(known=set(existing)), {}
     stamp = next((found.group(1) for call in calls if (found := RUN_TIME.search(call.text))), None)
     sizes: dict[str, int] = {}
     for call in calls:
@@ -37,14 +39,15 @@ def pending_after(calls: list[Call], existing: set[str]) -> Pending:
         if found := OPENED.match(text):
             name, flags, descriptor = found.groups()
             through[descriptor] = "O_SYNC" in flags
-            if "O_CREAT" in flags and name not in known:
-                known.add(name)
+            if "O_CREAT" in flags and name not in pending.known:
+                pending.known.add(name)
                 pending.names.add(name)
         elif found := MADE.match(text):
+            pending.known.add(found.group(1) + "/")
             pending.names.add(found.group(1) + "/")
         elif found := REMOVED.match(text):
             pending.flushed.pop(found.group(1), None)
-            known.discard(found.group(1))
+            pending.known.discard(found.group(1))
         elif found := WRITTEN.match(text):
             descriptor, name, size = found.groups()
             if through.get(descriptor):
@@ -91,27 +94,21 @@ WAYS: tuple[tuple[str, Content, Callable[[str], bool]], ...] = (
 def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, State]]:
     """The ways that storage may look after the cut, each once. Files that the daemon did not open itself
     are the shell's: nothing of them is flushed."""
-    named = {}
+    flushed: dict[str, int] = {}
+    unnamed: set[str] = set()
     for name in now.files:
-        stamp = STAMP.search(name) if name not in before.files else None
-        named[name] = name.replace(stamp.group(), "TIME") if stamp else name
-    opened = pending.names | set(pending.flushed)
+        plain = name if name in before.files else STAMP.sub("TIME", name)
+        shells = plain not in pending.known
+        if shells or plain in pending.flushed:
+            flushed[name] = pending.flushed.get(plain, 0)
+        if shells or plain in pending.names:
+            unnamed.add(name)
     found: dict[int, tuple[str, State]] = {}
     for way, content, lacks in WAYS:
-        lost = {name for name, plain in named.items() if plain in pending.names and lacks(plain)}
-        files = {}
-        for name, data in now.files.items():
-            shells = name not in before.files and named[name] not in opened and is_text_log(name)
-            if any(name == other or (other.endswith("/") and name.startswith(other)) for other in lost) \
-                    or (shells and lacks(name)):
-                continue
-            flushed = pending.flushed.get(named[name], 0 if shells else None)
-            files[name] = data if flushed is None else content(data, flushed)
-        state = now.with_files(files)
+        lost = {name for name in unnamed if lacks(name)}
+        below = tuple(name for name in lost if name.endswith("/"))
+        files = {name: content(data, flushed[name]) if name in flushed else data
+                 for name, data in now.files.items() if name not in lost and not name.startswith(below)}
+        state = State(now.partitions, files)
         found.setdefault(state.digest(), (way, state))
     return list(found.values())
-
-
-def is_text_log(name: str) -> bool:
-    """The daemon's own files in a dump folder have an extension, the marker's name or the suffix _tmp."""
-    return not name.endswith(("/", ".bin", "DONE", "_tmp", ".log", ".txt"))

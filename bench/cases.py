@@ -1,0 +1,96 @@
+"""What is measured: each case is a boot on a device, and who is timed on it."""
+from __future__ import annotations
+
+from dataclasses import dataclass
+import os
+from pathlib import Path
+from typing import Callable
+
+from device import FULLDUMP, MIB, Contender, Device, scenario
+
+RIVALS = Path(__file__).resolve().parent / "rivals"
+GZIP = ("gzip", "-6", "-n", "-c")
+PIGZ = ("pigz", "-6", "-n", "-c", "-p", "1")  # gzip on the zlib that the daemon uses
+NORMAL_SHELL = Contender("shell", RIVALS / "normal.sh", ())
+PIPELINE = Contender("pipeline, gzip", RIVALS / "abnormal.sh", GZIP)
+ZLIB_PIPELINE = Contender("pipeline, zlib", RIVALS / "abnormal.sh", PIGZ)
+GROWTH = (10, 1000, 10000, 100000)
+
+
+@dataclass(frozen=True)
+class Goal:
+    """Holds when the median ratio of the daemon's time to a rival's, of the same round, is at most `most`.
+    A throughput is the inverse of a time."""
+    rival: str
+    most: float
+    words: str
+
+
+@dataclass(frozen=True)
+class Case:
+    name: str
+    title: str
+    place: str  # "disk" or "memory": where the device lies
+    make: Callable[[Path, Path], Device]  # from its folder and the build folder
+    rivals: tuple[Contender, ...] = ()
+    goal: Goal | None = None
+    rounds: int = 10
+    quick_rounds: int = 2
+    counted: bool = False  # system calls and storage as well
+    needs_root: bool = False
+    long: bool = False  # left out of a quick run
+
+    @property
+    def skipped(self) -> str:
+        return "loop devices need root" if self.needs_root and os.geteuid() != 0 else ""
+
+
+def dd(size: int) -> Contender:
+    return Contender("dd", "/usr/bin/dd", (
+        "if=/dev/block/by-name/userdata", "of=/data/vendor/log/reliability/fulldumplog/fulldump.bin", "bs=512K",
+        "iflag=skip_bytes,count_bytes", f"skip={FULLDUMP}", f"count={size}", "oflag=sync", "status=none"))
+
+
+def boots() -> list[Case]:
+    cases = []
+    for place in ("disk", "memory"):
+        cases.append(Case(f"normal-{place}", "normal boot", place, lambda at, build: Device(at, build, scenario()),
+                          (NORMAL_SHELL,), Goal("shell", 1.2, "at most 1.2 of its unavoidable work"), 20, 4,
+                          place == "disk"))
+    fills = {"phone": "phone", "random": {"random": 7}, "zeros": "zeros"}
+    for fill, place in (("phone", "disk"), ("phone", "memory"), ("random", "disk"), ("zeros", "disk")):
+        cases.append(Case(f"abnormal-{fill}-{place}", f"abnormal boot, minidump of {fill}" +
+                          (" content" if fill == "phone" else ""), place,
+                          lambda at, build, fill=fills[fill]: Device(at, build, scenario(2, fill)),
+                          (PIPELINE, ZLIB_PIPELINE),
+                          Goal(PIPELINE.name, 0.95, "at most 0.95 of the pipeline") if fill == "phone" else None,
+                          counted=place == "disk" and fill == "phone"))
+    cases.append(Case("abnormal-buffered", "abnormal boot, phone content, a strings that buffers", "disk",
+                      lambda at, build: Device(at, build, scenario(2, "phone"), strings="/usr/bin/strings"),
+                      (PIPELINE, ZLIB_PIPELINE)))
+    cases.append(Case("abnormal-no-minidump", "abnormal boot, no minidump", "disk",
+                      lambda at, build: Device(at, build, scenario(2))))
+    return cases
+
+
+def full_dumps() -> list[Case]:
+    cases = []
+    goal = Goal("dd", 1 / 0.98, "at least 0.98 of dd's throughput")
+    for mib, words, rounds in ((256, "256 MiB", 10), (2048, "2 GiB", 3)):
+        for behind in ("files", "loop devices"):
+            title = f"full dump of {words}, {behind} as partitions"
+            cases.append(Case(f"full-{mib}-{behind.split()[0]}", title, "disk",
+                              lambda at, build, size=mib * MIB, loop=behind == "loop devices":
+                              Device(at, build, scenario(fulldump=size), loop), (dd(mib * MIB),), goal, rounds, 1,
+                              counted=mib == 256, needs_root=behind == "loop devices", long=mib > 256))
+    return cases
+
+
+def growth() -> list[Case]:
+    return [Case(f"growth-{files}", f"abnormal boot, no dump, empty logs, {files:,} files below dumplog", "disk",
+                 lambda at, build, files=files: Device(at, build, scenario(2, logs=False), files=files))
+            for files in GROWTH]
+
+
+def all_cases() -> list[Case]:
+    return boots() + full_dumps() + growth()

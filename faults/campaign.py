@@ -77,7 +77,8 @@ def prepare(boot: Boot, scratch: Path, options: argparse.Namespace) -> Prepared:
     broken += [("evidence", f"the step {name} leaves none") for name in boot.steps
                if STEPS[name].evidence(first) == STEPS[name].evidence(clean)]
     if broken:
-        raise SystemExit(f"faults: the boot \"{boot.name}\" breaks without any fault: {broken}\n{run.errors}")
+        wrong = "; ".join(f"{name}: {what}" for name, what in broken)
+        raise SystemExit(f"faults: {boot.name} breaks without any fault: {wrong}\n{run.errors}")
     return Prepared(boot, template, first, clean, parse(run.trace))
 
 

@@ -239,5 +239,5 @@ def load_hazards() -> list[Hazard]:
                for entry in json.loads((folder / "hazards.json").read_text())]
     for hazard in hazards:
         if hazard.reference not in rows:
-            raise SystemExit(f"faults/hazards.json: docs/hazards.md does not say \"{hazard.reference}\"")
+            raise SystemExit(f"faults/hazards.json: docs/hazards.md lacks \"{hazard.reference}\"")
     return hazards

@@ -13,7 +13,7 @@ import sys
 import tempfile
 
 ROOT = Path(__file__).resolve().parent.parent
-PARTS = (("faults", "^panic:(write:(half|none):|(write|openat):[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
+PARTS = (("faults", "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
 
 
 # What is wrong, the source, and the changes that make it so: patterns and their replacements.

@@ -103,7 +103,7 @@ def count(device: Device, contenders: list[Contender]) -> dict:
 def sizes(build: Path) -> dict[str, int]:
     found = {}
     for machine, program, strip in (("x86-64", build / "vorta", "strip"),
-                                    ("arm64", ROOT / "build/arm64/vorta", "aarch64-linux-gnu-strip")):
+                                    ("arm64", build.parent / "arm64/vorta", "aarch64-linux-gnu-strip")):
         if program.exists() and shutil.which(strip):
             with tempfile.NamedTemporaryFile() as stripped:
                 subprocess.run([strip, "-s", "-o", stripped.name, program], check=True)
@@ -111,9 +111,11 @@ def sizes(build: Path) -> dict[str, int]:
     return found
 
 
-def seconds(value: dict[str, float]) -> str:
-    scale, unit = (1e3, "ms") if value["median"] < 1 else (1, "s")
-    return f"{value['median'] * scale:.3g} [{value['low'] * scale:.3g}, {value['high'] * scale:.3g}] {unit}"
+def duration(*values: float) -> str:
+    """The first, and the others in brackets, all in the unit that suits the first."""
+    scale, unit = (1e3, "ms") if values[0] < 1 else (1, "s")
+    first, *others = (f"{value * scale:#.3g}".rstrip(".") for value in values)
+    return f"{first} {unit}" if not others else f"{first} [{', '.join(others)}] {unit}"
 
 
 def print_times(results: dict[str, dict]) -> None:
@@ -124,8 +126,8 @@ def print_times(results: dict[str, dict]) -> None:
         for name, figures in result["contenders"].items():
             ratio = figures.get("daemonRatio")
             quotient = f"{ratio['median']:.3f} [{ratio['low']:.3f}, {ratio['high']:.3f}]" if ratio else ""
-            print(f"| {where} | {name} | {result['rounds']} | {seconds(figures['wall'])} "
-                  f"| {figures['processor']['median'] * 1e3:.3g} ms | {figures['peakKiB']} | {quotient} |")
+            print(f"| {where} | {name} | {result['rounds']} | {duration(*figures['wall'].values())} "
+                  f"| {duration(figures['processor']['median'])} | {figures['peakKiB']} | {quotient} |")
 
 
 def print_counts(results: dict[str, dict]) -> None:
@@ -218,7 +220,7 @@ def main() -> None:
     if machine["disk"] == "tmpfs":
         raise SystemExit(f"bench: {build} is on a tmpfs; expected a file system on a disk")
     report: dict = {"machine": machine | {"processors": os.cpu_count(), "kernel": platform.release().split("-")[0],
-                                          "load": os.getloadavg()[0]}, "cases": {}, "sizes": sizes(build)}
+                                          "load": round(os.getloadavg()[0], 1)}, "cases": {}, "sizes": sizes(build)}
     try:
         measure(chosen, places, build, report["cases"])
     except KeyboardInterrupt:

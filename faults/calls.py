@@ -11,9 +11,10 @@ from boots import steps_of
 CALL = re.compile(r"(\w+)\(")
 # main begins with its look at standard output, before "StartVorta"; what stands above is the loader's.
 FIRST_OF_MAIN = re.compile(r"^(newfstatat|fstat)\(1<")
-# What a phone does by other means: the log's socket, a property file, time zones, the factory library.
+# What a phone does by other means: the log's socket, a property file, time zones, the factory library;
+# and the counters of a coverage build.
 HOST_ONLY = re.compile(r"^(sendto|socket|connect)\(|/vendor/build\.prop|<(UNIX|socket):|/etc/localtime|"
-                       r"/vendor/factory/events")
+                       r"/vendor/factory/events|[<\"]/gcov")
 
 # Errors of a call, first match wins. None: the call cannot fail in a way that the daemon sees.
 ERRORS = [(re.compile(pattern), errors.split()) for pattern, errors in (
@@ -27,7 +28,7 @@ ERRORS = [(re.compile(pattern), errors.split()) for pattern, errors in (
     (r"^lseek\(", "EIO"), (r"^close\(\d+<pipe:", ""), (r"^close\(", "EIO"), (r"^pipe2?\(", "EMFILE ENOMEM"),
     (r"^(clone3?|v?fork)\(", "EAGAIN ENOMEM"), (r"^wait4\(", "EINTR"),
     (r"^(brk|mmap|mprotect)\(", "ENOMEM"),
-    (r"^(exit_group|rt_sig\w+|munmap|prlimit64|fcntl|getrandom|futex|sched_\w+|madvise)\(", ""))]
+    (r"^(exit_group|rt_sig\w+|munmap|prlimit64|fcntl|getrandom|getpid|futex|sched_\w+|madvise)\(", ""))]
 MEMORY = ("brk", "mmap", "mprotect")
 
 

@@ -7,6 +7,7 @@ from collections import Counter
 from dataclasses import dataclass
 import json
 import multiprocessing
+import os
 from pathlib import Path
 import re
 import shlex
@@ -56,7 +57,7 @@ def arguments(program: str, about: str) -> argparse.Namespace:
     options = parser.parse_args()
     options.hazards = load_hazards()
     options.build = options.build.resolve()
-    options.daemon = (options.daemon or options.build / "vorta").resolve()
+    options.daemon = (options.daemon or Path(os.environ.get("VORTA_DAEMON", options.build / "vorta"))).resolve()
     for needed in (options.build / "vortadev", options.daemon):
         if not needed.is_file():
             raise SystemExit(f"scripts/{program}: {needed} is missing; build it first")

@@ -134,6 +134,8 @@ class Device:
         command: list[str | Path] = [self.build / "vortadev", "run", self.folder, "--daemon", self.daemon,
                                      "--bind", f"{out}:/out"]
         command += ["--env", "ASAN_OPTIONS=detect_leaks=0"]  # the leak check cannot run below strace
+        if counters := os.environ.get("VORTA_GCOV"):  # where a coverage build counts
+            command += ["--bind", f"{counters}:/gcov", "--env", "GCOV_PREFIX=/gcov"]
         if strace:
             command += ["--wrap", " ".join((shutil.which("strace") or "strace", "-y", "-s", "96",
                                             "-o", "/out/trace", *strace))]

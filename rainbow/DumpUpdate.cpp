@@ -1,9 +1,11 @@
 // Turns what the previous run left in the raw partitions into files: which dumps are saved after
 // which kind of boot, and in which order.
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "common/VortaUtils.h"
+#include "rainbow/DumpFolders.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
 
@@ -16,6 +18,17 @@ void CloseFile(int fd) {
     if (fd >= 1) {
         (void)close(fd);
     }
+}
+
+// Puts the names in a folder on storage: 0, or -1 with errno.
+int FlushFolder(const std::string& folder) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) {
+        return -1;
+    }
+    const int result = fsync(fd);
+    (void)close(fd);
+    return result;
 }
 
 }  // namespace
@@ -126,9 +139,10 @@ void RainbowHandle::SaveMiniDump(uint8_t kind) {
 
 // The dump in the partition is the only copy until the file that replaces it is on storage. Without
 // that the header stays, for the next run that looks at it: the next boot, or for a minidump
-// without remote debugging the next abnormal one.
+// without remote debugging the next abnormal one. The file's flush covers its content and its name;
+// the name of the folder that this run made for it stands in the root folder and is flushed there.
 void RainbowHandle::ClearHeaderOnceStored(int fd, uint8_t kind, const char* operation) {
-    if (fsync(fd) != 0) {
+    if (fsync(fd) != 0 || FlushFolder(DumpRoot(kind)) != 0) {
         VortaLogE("[%s] fsync errno = %d", operation, errno);
         return;
     }

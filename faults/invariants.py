@@ -181,36 +181,23 @@ def reported_twice(case: Case) -> str:
     return f"{times} collections of one kernel log" if times > 1 and "node" not in case.affected else ""
 
 
-@dataclass(frozen=True)
-class Invariant:
-    name: str
-    meaning: str
-    stages: tuple[str, ...]
-    check: Callable[[Case], str]  # what is wrong; empty if it holds
-
-
-INVARIANTS = (
-    Invariant("ends", "the daemon ends by itself with status 0, in time, without a sanitizer report",
-              (FAULT, NEXT), ended),
-    Invariant("foreign bytes", "no partition byte changes outside the fields of this boot",
-              (FAULT, CUT, NEXT), foreign_bytes),
-    Invariant("whole records", "each field of a record is whole, old or new", (FAULT, CUT, NEXT), torn_record),
-    Invariant("dump kept", "each dump waits in its partition or a file holds exactly its bytes",
-              (FAULT, CUT, NEXT), lost_dump),
-    Invariant("independent", "a fault does not stop a later step that does not need the failed one",
-              (FAULT,), stopped_steps),
-    Invariant("history", "at most one whole line a run; exactly one in a run without faults",
-              (FAULT, CUT, NEXT), history),
-    Invariant("logged", "the log names the failed step, where the daemon logs it", (FAULT,), unlogged),
-    Invariant("collected", "the boot after it collects all that is marked as waiting", (NEXT,), not_collected),
-    Invariant("once", "one reboot's kernel log is collected once", (NEXT,), reported_twice))
+# Name, meaning, the boots that it is checked after, and the check: what is wrong, empty if it holds.
+INVARIANTS: tuple[tuple[str, str, tuple[str, ...], Callable[[Case], str]], ...] = (
+    ("ends", "the daemon ends by itself with status 0, in time, without a sanitizer report", (FAULT, NEXT), ended),
+    ("foreign bytes", "no partition byte changes outside the fields of this boot", (FAULT, CUT, NEXT), foreign_bytes),
+    ("whole records", "each field of a record is whole, old or new", (FAULT, CUT, NEXT), torn_record),
+    ("dump kept", "each dump waits in its partition or a file holds exactly its bytes", (FAULT, CUT, NEXT), lost_dump),
+    ("independent", "a fault does not stop a later step that does not need the failed one", (FAULT,), stopped_steps),
+    ("history", "at most one whole line a run; exactly one in a run without faults", (FAULT, CUT, NEXT), history),
+    ("logged", "the log names the failed step, where the daemon logs it", (FAULT,), unlogged),
+    ("collected", "the boot after it collects all that is marked as waiting", (NEXT,), not_collected),
+    ("once", "one reboot's kernel log is collected once", (NEXT,), reported_twice))
 
 Broken = tuple[str, str]  # invariant, what is wrong
 
 
 def judge(case: Case) -> list[Broken]:
-    found = ((invariant.name, invariant.check(case)) for invariant in INVARIANTS
-             if case.stage in invariant.stages)
+    found = ((name, check(case)) for name, _, stages, check in INVARIANTS if case.stage in stages)
     return [(name, f"{case.stage}: {wrong}") for name, wrong in found if wrong]
 
 

@@ -88,11 +88,7 @@ def states_after(prepared: Prepared, device: Device, before: State, made: list[C
             SEEN[key] = boots_after(prepared, device, state, tried, deep)
         tried["states"] += 1
         broken += [(name, f"{way}: {wrong}") for name, wrong in found + SEEN[key]]
-    return first_of_each(broken)
-
-
-def first_of_each(broken: list[Broken]) -> list[Broken]:
-    return list(dict(reversed(broken)).items())
+    return list(dict(reversed(broken)).items())  # the first of each invariant
 
 
 def boots_after(prepared: Prepared, device: Device, state: State, tried: Counter[str], deep: int) -> list[Broken]:

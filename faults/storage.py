@@ -63,32 +63,17 @@ def pending_after(calls: list[Call], existing: set[str]) -> Pending:
     return pending
 
 
-Content = Callable[[bytes, int], bytes]  # a file and how much of it is flushed: what may be found of it
-
-
-def kept(content: bytes, flushed: int) -> bytes:
-    return content
-
-
-def absent(content: bytes, flushed: int) -> bytes:
-    return content[:flushed]
-
-
-def torn(content: bytes, flushed: int) -> bytes:
-    return content[:flushed + (len(content) - flushed) // 2 // BLOCK * BLOCK]
-
-
-def holed(content: bytes, flushed: int) -> bytes:
-    hole = content[flushed:flushed + BLOCK]
-    return content[:flushed] + bytes(len(hole)) + content[flushed + BLOCK:]
-
-
-# Name of a way that storage may look, what it has of unflushed bytes, and which new names it lacks.
-WAYS: tuple[tuple[str, Content, Callable[[str], bool]], ...] = (
-    ("all there", kept, lambda name: False), ("unflushed bytes absent", absent, lambda name: False),
-    ("torn in the middle", torn, lambda name: False), ("first 4 KiB absent", holed, lambda name: False),
-    ("new folders absent", kept, lambda name: name.endswith("/")),
-    ("new names absent", absent, lambda name: True))
+# Name of a way that storage may look; what is found of a file, given how much of it is flushed; and which
+# new names are lacking.
+WAYS: tuple[tuple[str, Callable[[bytes, int], bytes], Callable[[str], bool]], ...] = (
+    ("all there", lambda data, flushed: data, lambda name: False),
+    ("unflushed bytes absent", lambda data, flushed: data[:flushed], lambda name: False),
+    ("torn in the middle", lambda data, flushed: data[:flushed + (len(data) - flushed) // 2 // BLOCK * BLOCK],
+     lambda name: False),
+    ("first 4 KiB absent", lambda data, flushed: (
+        data[:flushed] + bytes(len(data[flushed:flushed + BLOCK])) + data[flushed + BLOCK:]), lambda name: False),
+    ("new folders absent", lambda data, flushed: data, lambda name: name.endswith("/")),
+    ("new names absent", lambda data, flushed: data[:flushed], lambda name: True))
 
 
 def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, State]]:

@@ -18,7 +18,7 @@ from campaign import (Outcome, Prepared, Result, arguments, judge_next, prepare_
 from device import MINIDUMP_SIZE, Device, State
 from invariants import FAULT, Broken, Case, judge
 
-LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 23
+LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
 PACK_CALLS = MINIDUMP_SIZE // 128  # the daemon packs 128 bytes a call
 TERMINAL = re.compile(r"^write\([12]<")
 

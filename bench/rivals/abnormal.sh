@@ -27,7 +27,7 @@ text tz_log 3145728 1048576
 region "$folder/tmp.bin" 4194304 29360128
 "$@" <"$folder/tmp.bin" >"$folder/rawdump.bin"
 rm "$folder/tmp.bin"
-fsync "$folder/rawdump.bin"
+fsync "$folder/rawdump.bin" $root
 clear 4194304 56
 : >"$folder/DONE"
 line=$(cat /proc/cmdline)

@@ -179,7 +179,8 @@ def options() -> argparse.Namespace:
     parser.add_argument("--quick", action="store_true", help="few rounds, no dump of 2 GiB")
     parser.add_argument("--json", metavar="FILE", type=Path, default=ROOT / "build/bench.json",
                         help="where the figures go, each run included (default build/bench.json)")
-    parser.add_argument("--only", metavar="CASE", default="", help="only cases whose name begins so: " +
+    parser.add_argument("--only", metavar="CASES", default="",
+                        help="only cases whose names begin so, several with commas: " +
                         ", ".join(case.name for case in all_cases()))
     parser.add_argument("--build", metavar="FOLDER", type=Path, default=ROOT / "build/host",
                         help="the build to measure (default build/host)")
@@ -195,7 +196,7 @@ def measure(chosen: argparse.Namespace, places: dict[str, Path], build: Path, re
     if chosen.against:
         contenders.append(Contender("other daemon", chosen.against.resolve(), SERVICE))
     for case in all_cases():
-        if not case.name.startswith(chosen.only) or (chosen.quick and case.long):
+        if not case.name.startswith(tuple(chosen.only.split(","))) or (chosen.quick and case.long):
             continue
         if case.skipped:
             print(f"{case.name}: skipped, {case.skipped}", file=sys.stderr)

@@ -9,6 +9,7 @@ from pathlib import Path
 import re
 import shutil
 import subprocess
+import tempfile
 
 MINIDUMP, MINIDUMP_SIZE = 4 << 20, 28 << 20
 FULLDUMP_OFFSET, FULLDUMP_SIZE, FULLDUMP_STORED = 1 << 20, 1200000, 3 << 19  # stored: whole 512 KiB
@@ -134,8 +135,9 @@ class Device:
         command: list[str | Path] = [self.build / "vortadev", "run", self.folder, "--daemon", self.daemon,
                                      "--bind", f"{out}:/out"]
         command += ["--env", "ASAN_OPTIONS=detect_leaks=0"]  # the leak check cannot run below strace
-        if counters := os.environ.get("VORTA_GCOV"):  # where a coverage build counts
-            command += ["--bind", f"{counters}:/gcov", "--env", "GCOV_PREFIX=/gcov"]
+        if counters := os.environ.get("VORTA_GCOV"):  # a folder a run: a fault may spoil its counters
+            folder = tempfile.mkdtemp(dir=counters)
+            command += ["--bind", f"{folder}:/gcov", "--env", "GCOV_PREFIX=/gcov"]
         if strace:
             command += ["--wrap", " ".join((shutil.which("strace") or "strace", "-y", "-s", "96",
                                             "-o", "/out/trace", *strace))]

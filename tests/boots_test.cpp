@@ -43,6 +43,10 @@ struct Variation {
     const char* patch;
 };
 
+void PrintTo(const Variation& variation, std::ostream* out) {
+    *out << variation.scenario << ", " << variation.name;
+}
+
 const Variation kVariations[] = {
     // --- which boot level is abnormal, and who keeps a minidump ---
     {"highest_boot_level", "kernel-panic", R"({"reasonHeader": {"bootLevel": 4294967295}})"},

@@ -53,13 +53,15 @@ BOOTS = {boot.name: boot for boot in (
                                {"text": "the dump of before"}}},
          HEADER_FIELDS + ("fulldump",), CLOSING + ("fulldump", "fullmarker")),
     Boot("limits", {"properties": NORMAL | {"ro.logsystem.usertype": "1"}, "reasonHeader": ABNORMAL,
+                    "meta": {},  # no record: it is rebuilt from the reason header, in memory
                     "data": {LOG_FOLDER + "dumplog/history.log": {"phone": True, "size": 1048577},
                              LOG_FOLDER + "dumplog/20240101080000-00000001/last_kmsg":
                              {"random": 5, "size": "2MiB"},
                              LOG_FOLDER + "dumplog/20240301080000-00000002/last_kmsg":
                              {"random": 6, "size": "3MiB"},
                              LOG_FOLDER + "fulldumplog/old-fulldump.bin": {"text": "old"}}},
-         HEADER_FIELDS, ("prune",) + LOG_STEPS + ("marker",) + CLOSING + ("purge",)),
+         ("node", "usertype", "board"),
+         ("prune",) + LOG_STEPS + ("marker", "history", "usertype", "board", "purge")),
     Boot("factory", {"properties": NORMAL | {"ro.runmode": "factory"}, "reasonHeader": ABNORMAL,
                      "factoryLibrary": "present"},
          HEADER_FIELDS, LOG_STEPS + ("marker", "factory") + CLOSING),

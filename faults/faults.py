@@ -20,18 +20,23 @@ from invariants import FAULT, Broken, Case, judge
 
 LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
 PACK_CALLS = MINIDUMP_SIZE // 128  # the daemon packs 128 bytes a call
+MEMORY_FAULTS = (  # what the preloaded library refuses, and the steps that cannot be done then
+    ("-r", "malloc:none:1", ("header",)), ("-r", "malloc:none:2", ("header",)),
+    ("-r", "asprintf:none:1", ()), ("-r", "asprintf:none:2", ("history",)), ("-r", "asprintf:none:1+", ("history",)),
+    ("-h", "malloc:none:1", ("header",)))
 TERMINAL = re.compile(r"^write\([12]<")
 
 
 @dataclass(frozen=True)
 class Fault:
     """The call fails with the error, or as a preloaded `order` says; `on`: so do all later calls of
-    its name."""
+    its name. `steps`: what cannot be done without it, where that is not told by the call."""
     boot: str
     call: Call
     error: str
     on: bool
     order: str = ""
+    steps: tuple[str, ...] | None = None
 
     @property
     def name(self) -> str:
@@ -64,6 +69,12 @@ def short_faults(boot: str, everything: list[Call], selected: set[int]) -> list[
     return faults
 
 
+def memory_faults(prepared: Prepared) -> list[Fault]:
+    first = of_daemon(prepared.calls)[0]
+    return [Fault(prepared.boot.name, first, "ENOMEM", order.endswith("+"), order, steps)
+            for service, order, steps in MEMORY_FAULTS if service == prepared.boot.service]
+
+
 def plan(prepared: Prepared, short: bool, stride: int, sanitized: bool) -> tuple[list[Fault], Counter[str]]:
     calls = of_daemon(prepared.calls)
     if sanitized:  # its own memory is no part of the daemon
@@ -72,11 +83,14 @@ def plan(prepared: Prepared, short: bool, stride: int, sanitized: bool) -> tuple
     faults = error_faults(prepared.boot.name, kept)
     if not sanitized:
         faults += short_faults(prepared.boot.name, calls, {call.index for call in kept})
+        faults += memory_faults(prepared)
     return faults[::stride], Counter({"calls": len(calls), "merged": merged})
 
 
 def affected_steps(fault: Fault, prepared: Prepared) -> frozenset[str]:
     """Nothing depends on what is written to standard output and error."""
+    if fault.steps is not None:
+        return frozenset(with_dependents(set(fault.steps)))
     struck = [fault.call] + [call for call in prepared.calls if fault.on and call.name == fault.call.name
                              and call.index > fault.call.index]
     return frozenset(with_dependents({call.step for call in struck if not TERMINAL.match(call.text)}))
@@ -88,7 +102,8 @@ def try_fault(fault: Fault) -> Outcome:
     run = device.boot(preload=(LIBRARY, fault.order)) if fault.order else device.boot(strace=fault.strace())
     after = device.read()
     affected = affected_steps(fault, prepared)
-    failed = "" if fault.order or fault.error == "EINTR" and not tells_interruption(fault) else fault.call.text
+    silent = fault.error == "EINTR" and not tells_interruption(fault)
+    failed = "" if silent else fault.order or fault.call.text
     broken = judge(Case(prepared.boot, FAULT, prepared.first, prepared.clean, prepared.first, after, run,
                         affected, failed))
     if not fault.order and not any("(INJECTED)" in line for line in run.trace):

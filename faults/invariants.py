@@ -14,7 +14,7 @@ import zlib
 from boots import FIELDS, LOGS, STEPS, Boot
 from device import BLOCK, ZEROS, FULLDUMP_OFFSET, FULLDUMP_STORED, MINIDUMP, MINIDUMP_SIZE, Run, State
 
-HISTORY_LINE = re.compile(rb"system exception core \[NA\], reason \[[^\n]*\], time \[\d{14}-\d{8}\], "
+HISTORY_LINE = re.compile(rb"system exception core \[NA\], reason \[[^\n]*\], time \[\d{14}(-\d{8})?\], "
                           rb"sysreboot \[true\], bootup_keypoint \[NA\], category \[[^\n]*\]\n")
 HISTORY_LIMIT = 1 << 20
 SANITIZER = re.compile(r"ERROR: \w+Sanitizer|runtime error:")
@@ -41,7 +41,8 @@ LOGGED = [(re.compile(call), re.compile(text)) for call, text in (
     (r"^fchmod\(", "fchmod file"), (r"^fchown\(", "fchown file"),
     (r"^newfstatat\(\d+<.*history\.log", r"\[HistoryFileCheck\] stat"),
     (r"^newfstatat\(AT_FDCWD.*(_tmp|tmp\.bin)\"", r"\[DirOrFileRemove\] stat"),
-    (r"^unlink\(.*shipmode", "unlink shipmode_shutdown failed"))]
+    (r"^unlink\(.*shipmode", "unlink shipmode_shutdown failed"),
+    (r"^malloc:", "malloc fail"), (r"^asprintf:", "asprintf fail"))]
 
 
 @dataclass(frozen=True)

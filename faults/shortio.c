@@ -2,15 +2,19 @@
  * CALL:KIND:N+ and strikes the N-th call, or all from the N-th on:
  *     write:half    writes the first half of the bytes (at least one)
  *     write:none    writes nothing and gives 0
- *     gzwrite:none  packs nothing and gives 0 */
+ *     gzwrite:none  packs nothing and gives 0
+ *     malloc:none   no memory, for a call of the daemon's own
+ *     asprintf:none the same for a text */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
-static char call[8], kind[8];
+static char call[9], kind[8];
 static long first, counted;
 static int on;
 
@@ -47,4 +51,31 @@ ssize_t write(int fd, const void* bytes, size_t size) {
 int gzwrite(void* file, const void* bytes, unsigned size) {
     int (*real)(void*, const void*, unsigned) = dlsym(RTLD_NEXT, "gzwrite");
     return Strikes("gzwrite") ? 0 : real(file, bytes, size);
+}
+
+extern void* __libc_malloc(size_t size);
+
+void* malloc(size_t size) {
+    Dl_info caller;
+    const int own = strcmp(call, "malloc") == 0 && dladdr(__builtin_return_address(0), &caller) != 0 &&
+                    strcmp(caller.dli_fname, program_invocation_name) == 0;
+    return own && Strikes("malloc") ? NULL : __libc_malloc(size);
+}
+
+int asprintf(char** text, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int length = Strikes("asprintf") ? -1 : vasprintf(text, format, args);
+    va_end(args);
+    return length;
+}
+
+/* What a call of asprintf becomes in an optimised build. */
+int __asprintf_chk(char** text, int flag, const char* format, ...) {
+    (void)flag;
+    va_list args;
+    va_start(args, format);
+    const int length = Strikes("asprintf") ? -1 : vasprintf(text, format, args);
+    va_end(args);
+    return length;
 }

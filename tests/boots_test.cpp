@@ -61,6 +61,8 @@ const Variation kVariations[] = {
         "reasonHeader": {"userType": "6"}, "meta": {"userType": "6"}, "expect": {"collected":
         ["DONE", "last_kmsg", "last_xbl_abl", "tz_log", "xbl_abl"], "cleared": ["reasonNode"],
         "log": ["vorta is commercial"]}})"},
+    {"no_run_mode", "kernel-panic", R"({"properties": {"ro.runmode": null},
+        "expect": {"log": ["E vorta: vorta runmode prop get fail"]}})"},
     {"dump_flag_without_its_lowest_bit", "kernel-panic", R"({"minidump": {"header": {"flag": 2}},
         "expect": {"collected": ["DONE", "last_kmsg", "last_xbl_abl", "tz_log", "xbl_abl"],
         "cleared": ["reasonNode"], "log": ["E vorta: [IsDumpPartValid] no dump record, flag is 2"]}})"},

@@ -148,6 +148,8 @@ TEST(VsnprintfS, CodesAndEffects) {
         EXPECT_TRUE(d.guardsHold());
     }
     Destination d;
+    EXPECT_EQ(Format(d.dest, 8, 7, "%lc", wint_t{0x110000}), -1);  // no such character
+    EXPECT_EQ(d.dest[0], '\0');
     EXPECT_EQ(Format(nullptr, 8, 7, "x"), -1);
     EXPECT_EQ(Format(d.dest, 8, 7, nullptr), -1);
     EXPECT_EQ(d.dest[0], '\0');
@@ -172,11 +174,14 @@ TEST(SscanfS, TextFieldsStayInTheirRoom) {
         std::string content;
     } cases[] = {
         {"abc", "%s", 4, 1, "abc"},      {"abcd", "%s", 4, 0, ""},
+        {"abcd", "%3s", 8, 1, "abc"},    {"abcd", "%c", 1, 1, "a"},
         {"abcd", "%3s", 4, 1, "abc"},    {"abc def", "%s", 4, 1, "abc"},
         {"abcx", "%[abc]", 4, 1, "abc"}, {"abca", "%[abc]", 4, 0, ""},
         {"]a-", "%[]a]", 4, 1, "]a"},    {"xyz]", "%[^]]", 4, 1, "xyz"},
         {"k=v", "k=%s", 2, 1, "v"},      {"ab", "%s", 0, 0, "dddddddd"},
         {"ab", "%s", 1, 0, ""},          {"100%ab", "100%%%s", 3, 1, "ab"},
+        {"x", "k=%s", 4, 0, "dddddddd"}, {"ab", "%99999999999999999999s", 3, 1, "ab"},
+        {"ab", "%ls", 8, 0, "dddddddd"},  // wide text is refused
     };
     for (const auto& c : cases) {
         Destination d;
@@ -188,6 +193,29 @@ TEST(SscanfS, TextFieldsStayInTheirRoom) {
     EXPECT_EQ(sscanf_s("abcd", "%4c", d.dest, size_t{4}), 1);
     EXPECT_EQ(d.content(), "abcddddd");
     EXPECT_EQ(sscanf_s("abcde", "%5c", d.dest, size_t{4}), 0);
+    EXPECT_EQ(sscanf_s("ab", "%s", nullptr, size_t{4}), 0);
+    EXPECT_EQ(sscanf_s("ab", "%s", d.dest, kBoundedMax + 1), 0);
+}
+
+// As with the C library, a scan ends at the first piece of the format that does not match.
+TEST(SscanfS, EndsWhereTheFormatEnds) {
+    const struct {
+        const char* input;
+        const char* format;
+        int fields, number;
+    } cases[] = {
+        {"12 end", "%d end", 1, 12}, {"12 other", "%d end", 1, 12}, {"x 12", "y %d", 0, -1},
+        {"12 34", "%*d %d", 1, 34},  {"ab12", "%*[a-z]%d", 1, 12},  {"12", "%*d%d", -1, -1},
+        {"12", "%d%", 1, 12},        {"12", "%d%*[0-", 1, 12},      {"12", "%k%d", 0, -1},
+    };
+    for (const auto& c : cases) {
+        int number = -1;
+        EXPECT_EQ(sscanf_s(c.input, c.format, &number), c.fields) << c.input << " " << c.format;
+        EXPECT_EQ(number, c.number) << c.input << " " << c.format;
+    }
+    const std::string longest(kBoundedMax + 1, '1');
+    int number = -1;
+    EXPECT_EQ(sscanf_s(longest.c_str(), "%d", &number), -1);
 }
 
 TEST(SscanfS, MixedConversionsAndPositions) {

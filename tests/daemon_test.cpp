@@ -69,6 +69,19 @@ TEST(CommandLine, OptionsChooseTheService) {
     EXPECT_EQ(ReadState(phone.device).history, before.history);
 }
 
+// A partition that got the number of a closed standard descriptor would have the log's echo, or
+// "StartVorta", written into it.
+TEST(CommandLine, ClosedStandardDescriptorsAreOccupied) {
+    const Phone phone("normal-restart");
+    RunOptions options = Options();
+    options.wrapper = {"/bin/sh", "-c", R"(exec "$0" "$@" <&- >&- 2>&-)"};
+    const DeviceState before = ReadState(phone.device);
+    const RunResult result = phone.Boot({"-r", "boot"}, options);
+    EXPECT_EQ(result.out + result.err, "");
+    EXPECT_EQ(CheckExpectations(phone.scenario, before, phone.device, result),
+              std::vector<std::string>());
+}
+
 // The log has each line of standard error, with its level; nothing else is written to either.
 TEST(Log, EchoAndLogAgree) {
     const Phone phone("kernel-panic", kQuick);
@@ -163,6 +176,20 @@ TEST(Storage, WithoutRawdumpNothingHappens) {
         std::string::npos);
     EXPECT_TRUE(phone.Folders().empty());
     EXPECT_EQ(phone.History(), "");
+}
+
+// What is neither a file nor a folder is no old dump; its size counts all the same.
+TEST(Storage, OnlyFilesAndFoldersArePruned) {
+    const Phone phone("kernel-panic", kQuick);
+    const fs::path large = phone / (kFulldumplogRoot + "/large");
+    WriteFile(large, "");
+    fs::resize_file(large, 81 << 20);
+    const fs::path link = phone / (kDumplogRoot + "/0");
+    fs::create_symlink(kFulldumplogRoot + "/large", link);
+    const RunResult result = phone.Boot();
+    EXPECT_NE(result.log.find("[DumpSizeCheck] dumplog too big"), std::string::npos) << result.log;
+    EXPECT_TRUE(fs::is_symlink(fs::symlink_status(link)));
+    EXPECT_FALSE(phone.MinidumpWaits());
 }
 
 // On a block device the end is where it is: a chunk that meets it is dropped, nothing grows.

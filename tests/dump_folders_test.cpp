@@ -34,6 +34,12 @@ class TemporaryFolder : public testing::Test {
     RainbowHandle handle;
 };
 
+TEST(EntryPath, HasOneSlashBetween) {
+    EXPECT_EQ(EntryPath("/a", "b"), "/a/b");
+    EXPECT_EQ(EntryPath("/a/", "b"), "/a/b");
+    EXPECT_EQ(EntryPath("", "b"), "b");
+}
+
 TEST(OldestName, SortsByteByByte) {
     EXPECT_EQ(OldestName({}), "");
     EXPECT_EQ(OldestName({"history.log"}), "history.log");

@@ -27,6 +27,7 @@ TEST(KeyValueFromLine, FindsValues) {
     for (const auto& c : cases) {
         EXPECT_EQ(KeyValueFromLine(c.line, c.key), c.value) << c.line;
     }
+    EXPECT_EQ(KeyValueFromCmdline(""), "");
 }
 
 TEST(VortaLog, EchoesToStandardError) {

@@ -56,7 +56,8 @@ def run_case(case: Case, contenders: list[Contender], rounds: int, device: Devic
     saved: dict = {}
     warming = 1 if rounds > FEW else 0  # the programs themselves come from the disk then
     for number in range(rounds + warming):
-        for contender in contenders:
+        turn = number % len(contenders)  # another one begins each round: none always follows the same
+        for contender in contenders[turn:] + contenders[:turn]:
             cost = device.boot(contender)
             if number >= warming:
                 runs[contender.name].append(cost)

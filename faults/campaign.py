@@ -48,7 +48,8 @@ class Outcome:
 def arguments(program: str, about: str) -> argparse.Namespace:
     parser = argparse.ArgumentParser(prog=f"scripts/{program}", description=about)
     parser.add_argument("--short", action="store_true", help="a sample, for every day")
-    parser.add_argument("--json", type=Path, metavar="FILE", help="write the result for programs")
+    parser.add_argument("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json",
+                        help=f"where the result for programs goes (build/{program}.json)")
     parser.add_argument("--jobs", type=int, default=2, metavar="N", help="runs side by side (2)")
     parser.add_argument("--only", default="", metavar="REGEX", help="only cases whose name matches")
     parser.add_argument("--build", type=Path, default=ROOT / "build/host", metavar="FOLDER",
@@ -138,7 +139,7 @@ class Result:
 
 
 def report(program: str, options: argparse.Namespace, result: Result, started: float) -> int:
-    """Prints the result, writes it as JSON where that is wanted, and gives the exit status."""
+    """Prints the result, writes it as JSON, and gives the exit status."""
     seconds = round(time.monotonic() - started)
     print(result.table())
     for outcome in result.broken[:10]:
@@ -149,12 +150,12 @@ def report(program: str, options: argparse.Namespace, result: Result, started: f
     if result.broken:
         print(f"To repeat the first: {repeat(program, options, result.broken[0])}")
     print(f"{len(result.broken)} broken, {sum(result.known.values())} known, {len(result.stale)} stale, {seconds} s")
-    if options.json:
-        options.json.write_text(json.dumps({
-            "program": program, "short": options.short, "seconds": seconds, "boots": result.counts,
-            "broken": [{"case": o.case, "call": o.call, "invariants": dict(o.broken)} for o in result.broken],
-            "known": result.known, "stale": result.stale,
-            "invariants": {name: meaning for name, meaning, _, _ in INVARIANTS}}, indent=2) + "\n")
+    options.json.parent.mkdir(exist_ok=True)
+    options.json.write_text(json.dumps({
+        "program": program, "short": options.short, "seconds": seconds, "boots": result.counts,
+        "broken": [{"case": o.case, "call": o.call, "invariants": dict(o.broken)} for o in result.broken],
+        "known": result.known, "stale": result.stale,
+        "invariants": {name: meaning for name, meaning, _, _ in INVARIANTS}}, indent=2) + "\n")
     return 1 if result.broken or result.stale else 0
 
 

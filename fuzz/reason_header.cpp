@@ -56,13 +56,19 @@ void SetUserType(RainbowHandle& handle, Model& model, std::string value) {
     handle.SetIsNeedReserveFlag();
 }
 
+// What stands behind a key and one more character, up to a space or the end.
+std::string ValueOf(std::string line, const std::string& key) {
+    const size_t at = line.find(key);
+    line.erase(0, at == line.npos ? at : at + key.size() + 1);
+    return line.substr(0, line.find(' '));
+}
+
 void AddHistoryLine(RainbowHandle& handle, const Model& model, const std::string& cmdline) {
     const std::string history = kDumplogRoot + "/" + kHistoryName;
     fuzz::Write(fuzz::kCmdline, cmdline);
-    const std::string reason =
-        model.IsValid() ? model.Detail() : KeyValueFromLine(cmdline, kSreasonKey);
+    const std::string reason = model.IsValid() ? model.Detail() : ValueOf(cmdline, "sreason");
     const std::string category = model.IsValid() ? model.Text(model.header.reasonNode.mreasonStr)
-                                                 : KeyValueFromLine(cmdline, kRebootReasonKey);
+                                                 : ValueOf(cmdline, "reboot_reason");
     const std::string start =
         fuzz::Read(history) + "system exception core [NA], reason [" + reason + "], time [";
     const std::string end =

@@ -16,23 +16,21 @@ using fuzz::Require;
 
 namespace {
 
-// First and second byte of an input.
-enum Missing : uint8_t {
+// The first two bytes of an input, low byte first.
+enum Flag : uint16_t {
     kNoRawdump = 1,
     kNoUserdata = 2,
     kNoBootfail = 4,
     kNoDumplog = 8,
     kNoFulldumplog = 16,
     kNoPonLog = 32,
-    kNoBoardId = 64
-};
-enum Extra : uint8_t {
-    kCorvel = 1,
-    kNoHistory = 2,
-    kLongHistory = 4,
-    kOldDumps = 8,
-    kMarker = 16,
-    kRightCrc = 32
+    kNoBoardId = 64,
+    kCorvel = 256,
+    kNoHistory = 512,
+    kLongHistory = 1024,
+    kOldDumps = 2048,
+    kMarker = 4096,
+    kRightCrc = 8192
 };
 
 constexpr int64_t kDump = sizeof(DumpHeader);
@@ -52,18 +50,24 @@ void Put(std::string& partition, int64_t at, const std::string& bytes) {
     }
 }
 
+// Only such a record counts; else the full dump is where the reason header has it.
+bool IsWholeAndReserved(const fulldump_header& meta) {
+    const std::string bytes = fuzz::BytesOf(meta);
+    return meta.crc == fuzz::Crc(bytes.substr(0, 48)) && bytes.substr(0, 4) == "ZZZZ" &&
+           bytes[5] == 'Z' && meta.reservedFlag == kFulldumpReserved;
+}
+
 // Everything that is there before the boot.
 struct Boot {
-    uint8_t missing, extra;
+    uint16_t flags;
     std::string rawdump, userdata, history;
     std::string bootfail = std::string(4096, 'b');
     int64_t dumpOffset, dumpSize;  // of the full dump
 
-    bool Lacks(Missing what) const { return (missing & what) != 0; }
-    bool Has(Extra what) const { return (extra & what) != 0; }
+    bool Has(Flag what) const { return (flags & what) != 0; }
 
     // Takes the input apart and makes the device; the seeds have the same order.
-    explicit Boot(fuzz::Input input) : missing(input.Byte()), extra(input.Byte()) {
+    explicit Boot(fuzz::Input input) : flags(fuzz::RecordOf<uint16_t>(input.Bytes(2))) {
         rawdump.resize(kRawdumpSizes[input.Byte() % std::size(kRawdumpSizes)]);
         userdata.resize(kUserdataSizes[input.Byte() % std::size(kUserdataSizes)]);
         Put(rawdump, 0, input.Bytes(sizeof(ReasonHeader)));
@@ -71,8 +75,8 @@ struct Boot {
         auto meta = fuzz::RecordOf<fulldump_header>(input.Bytes(sizeof(fulldump_header)));
         meta.crc = Has(kRightCrc) ? fuzz::Crc(fuzz::BytesOf(meta).substr(0, 48)) : meta.crc;
         Put(bootfail, kFulldumpMetaRegion.offset, fuzz::BytesOf(meta));
-        const bool usesMeta = meta.reservedFlag == kFulldumpReserved;
         const auto header = fuzz::RecordOf<ReasonHeader>(rawdump);
+        const bool usesMeta = !Has(kNoBootfail) && IsWholeAndReserved(meta);
         dumpOffset = static_cast<int64_t>(usesMeta ? meta.dumpOffset : header.fulldumpOffset);
         dumpSize = static_cast<int64_t>(usesMeta ? meta.dumpSize : kFulldumpRebuiltSize);
         Put(userdata, dumpOffset, input.Bytes(kDump));
@@ -81,7 +85,8 @@ struct Boot {
         Make(kPmicPonLogPath, kNoPonLog, input.Text());
         Make(kBoardIdPath, kNoBoardId, input.Bytes(16));
         const std::string log = input.Text();
-        for (const Region& region : {kXblAblRegion, kLastXblAblRegion, kLastKmsgRegion}) {
+        for (const Region& region :
+             {kXblAblRegion, kLastXblAblRegion, kLastKmsgRegion, kTzLogRegion}) {
             Put(rawdump, region.offset, log);
         }
         history = input.Text();
@@ -92,8 +97,8 @@ struct Boot {
         Make(fuzz::kPartitions + "bootfail_info", kNoBootfail, bootfail);
     }
 
-    void Make(const std::string& path, Missing unless, const std::string& bytes) const {
-        fuzz::Write(path, Lacks(unless) ? std::nullopt : std::optional(bytes));
+    void Make(const std::string& path, Flag unless, const std::string& bytes) const {
+        fuzz::Write(path, Has(unless) ? std::nullopt : std::optional(bytes));
     }
 
     void MakeData() const {
@@ -107,8 +112,8 @@ struct Boot {
             fuzz::Write(kFulldumplogRoot + "/2024/old", "");
         }
         fuzz::Write(kShipmodePath, Has(kMarker) ? std::optional("") : std::nullopt);
-        fs::remove_all(Lacks(kNoDumplog) ? kDumplogRoot : "/none");
-        fs::remove_all(Lacks(kNoFulldumplog) ? kFulldumplogRoot : "/none");
+        fs::remove_all(Has(kNoDumplog) ? kDumplogRoot : "/none");
+        fs::remove_all(Has(kNoFulldumplog) ? kFulldumplogRoot : "/none");
     }
 };
 
@@ -152,13 +157,13 @@ void CheckDump(const std::string& before, const std::string& now, int64_t at, in
 }
 
 void CheckHistory(const Boot& boot) {
-    const bool runs = !boot.Has(kCorvel) && !boot.Has(kNoHistory) && !boot.Lacks(kNoRawdump);
+    const bool runs = !boot.Has(kCorvel) && !boot.Has(kNoHistory) && !boot.Has(kNoRawdump);
     const bool isRenewed = runs && boot.history.size() > kHistoryLimit;
-    const std::string before = boot.Lacks(kNoDumplog) || isRenewed ? "" : boot.history;
+    const std::string before = boot.Has(kNoDumplog) || isRenewed ? "" : boot.history;
     const std::string now = fuzz::Read(kDumplogRoot + "/" + kHistoryName);
     const std::string start = "system exception core [NA], reason [";
     Require(now.compare(0, before.size(), before) == 0, "the history keeps its lines");
-    Require((now.size() > before.size()) == (runs && !boot.Lacks(kNoDumplog)), "a line a run");
+    Require((now.size() > before.size()) == (runs && !boot.Has(kNoDumplog)), "a line a run");
     if (now.size() > before.size()) {
         Require(now.compare(before.size(), start.size(), start) == 0 && now.back() == '\n' &&
                     now.find(start, before.size() + 1) == now.npos,
@@ -186,12 +191,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::vector<Region> corvel = {{0, 8}}, none;
     const std::vector<Region> meta = {{kFulldumpMetaRegion.offset + 6, 1},
                                       {kFulldumpMetaRegion.offset + 48, 4}};
-    const std::string rawdump = CheckPartition("rawdump", !boot.Lacks(kNoRawdump), boot.rawdump,
-                                               isRainbow ? header : corvel);
+    const std::string rawdump =
+        CheckPartition("rawdump", !boot.Has(kNoRawdump), boot.rawdump, isRainbow ? header : corvel);
     const std::string userdata =
-        CheckPartition("userdata", !boot.Lacks(kNoUserdata), boot.userdata,
+        CheckPartition("userdata", !boot.Has(kNoUserdata), boot.userdata,
                        isRainbow ? std::vector<Region>{{boot.dumpOffset, kDump}} : none);
-    (void)CheckPartition("bootfail_info", !boot.Lacks(kNoBootfail), boot.bootfail,
+    (void)CheckPartition("bootfail_info", !boot.Has(kNoBootfail), boot.bootfail,
                          isRainbow ? meta : none);
     CheckDump(boot.rawdump, rawdump, kMini, kMinidumpRegion.size, kDumplogRoot, kRawdumpName);
     CheckDump(boot.userdata, userdata, boot.dumpOffset, boot.dumpSize, kFulldumplogRoot,

@@ -32,8 +32,9 @@ class Boot:
 COMMON: dict[str, Any] = {
     "properties": NORMAL, "cmdline": CMDLINE, "reasonHeader": OUTDATED, "meta": META, "logs": LOGS,
     "partitions": {"rawdump": "33MiB", "userdata": "8MiB"}}
+LINE_TIME = re.compile(rb"time \[[^]]*\]")
 LOG_STEPS = ("folder", "xbl_abl", "last_xbl_abl", "node", "last_kmsg", "tz_log")
-CLOSING = ("history", "usertype", "meta", "board")
+CLOSING = ("history", "told", "usertype", "meta", "board")
 HEADER_FIELDS = ("node", "usertype", "board", "meta")
 
 BOOTS = {boot.name: boot for boot in (
@@ -61,7 +62,7 @@ BOOTS = {boot.name: boot for boot in (
                              {"random": 6, "size": "3MiB"},
                              LOG_FOLDER + "fulldumplog/old-fulldump.bin": {"text": "old"}}},
          ("node", "usertype", "board"),
-         ("prune",) + LOG_STEPS + ("marker", "history", "usertype", "board", "purge")),
+         ("prune",) + LOG_STEPS + ("marker", "history", "told", "usertype", "board", "purge")),
     Boot("factory", {"properties": NORMAL | {"ro.runmode": "factory"}, "reasonHeader": ABNORMAL,
                      "factoryLibrary": "present"},
          HEADER_FIELDS, LOG_STEPS + ("marker", "factory") + CLOSING),
@@ -119,6 +120,7 @@ STEPS = {step.name: step for step in (
          lambda state: state.files.get("vendor/factory/events.txt")),
     Step("history", r"^openat\(.*history\.log.*O_APPEND", (), ("header",),
          lambda state: -1 if len(state.history()) > 1 << 20 else state.history().count(b"\n")),
+    Step("told", needs=("history", "reason", "node"), evidence=lambda state: LINE_TIME.sub(b"", state.history())),
     Step("usertype", r"^openat\(.*build\.prop", ("history",), ("header",),
          field_of("usertype")),
     Step("meta", r'^openat\(.*bootfail_info"', (), ("header",), field_of("meta")),
@@ -131,6 +133,18 @@ STEPS = {step.name: step for step in (
     Step("board", r"^openat\(.*boardid", (), ("header",), field_of("board")),
     Step("remote", r"^lseek\(.*by-name/rawdump>, 4194304", ("board",), ("header",)),
 )}
+
+
+# Calls whose failure leaves their own step undone at most: those that need it are expected all the same,
+# but for the words of a history line that is not there.
+ALONE = re.compile(r"^(f?chmod|f?chown|unlink|rmdir|newfstatat|fstat|stat|close|pipe2?|clone3?|v?fork|wait4)\(|"
+                   r"^write\(.*bootfail_info")
+
+
+def affected_by(calls: list[tuple[str, str]]) -> set[str]:
+    """The steps that cannot be expected when these calls (text, step) fail."""
+    stopped = {step for text, step in calls if not ALONE.match(text) or step == "history"}
+    return with_dependents(stopped) | {step for _, step in calls}
 
 
 def steps_of(calls: list[str]) -> list[str]:

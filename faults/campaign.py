@@ -19,7 +19,7 @@ from typing import Any, Callable
 from boots import BOOTS, COMMON, STEPS, Boot
 from calls import Call, parse
 from device import Device, State
-from invariants import FAULT, INVARIANTS, NEXT, Broken, Case, Hazard, judge, load_hazards
+from invariants import FAULT, INVARIANTS, LOGGED, NEXT, Broken, Case, Hazard, judge, load_hazards
 
 ROOT = Path(__file__).resolve().parent.parent
 
@@ -78,6 +78,9 @@ def prepare(boot: Boot, scratch: Path, options: argparse.Namespace) -> Prepared:
     broken += judge_next(Prepared(boot, template, first, clean, []), device, clean)
     broken += [("evidence", f"the step {name} leaves none") for name in boot.steps
                if STEPS[name].evidence(first) == STEPS[name].evidence(clean)]
+    broken += [("logged", f"{text.pattern} stands in the log") for _, text in LOGGED if text.search(run.log)]
+    broken += [("written through", call) for call in run.trace
+               if call.startswith("openat(") and "by-name/" in call and "O_SYNC" not in call]
     if broken:
         wrong = "; ".join(f"{name}: {what}" for name, what in broken)
         raise SystemExit(f"faults: {boot.name} breaks without any fault: {wrong}\n{run.errors}")
@@ -89,6 +92,13 @@ def judge_next(prepared: Prepared, device: Device, before: State,
     """Boots the device without faults and judges that."""
     run = device.boot()
     return judge(Case(prepared.boot, NEXT, prepared.first, prepared.clean, before, device.read(), run, affected))
+
+
+def chosen_by(only: str, cases: list[Any]) -> list[Any]:
+    chosen = [case for case in cases if re.search(only, case.name)]
+    if not chosen:
+        raise SystemExit(f"--only {only}: no case has such a name; expected a part of one like {cases[0].name}")
+    return chosen
 
 
 def run_all(cases: list[Any], work: Callable[[Any], Outcome], jobs: int) -> list[Outcome]:

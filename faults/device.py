@@ -3,9 +3,11 @@ and read back as plain bytes. Nothing of the daemon and of the device tool's che
 from __future__ import annotations
 
 from dataclasses import dataclass, field, replace
+import hashlib
 import json
 import os
 from pathlib import Path
+from random import Random
 import re
 import shutil
 import subprocess
@@ -79,7 +81,7 @@ class State:
         return self.files.get(LOG_FOLDER + "dumplog/history.log", b"")
 
     def digest(self) -> int:
-        """Equal for states that differ in nothing but the times of their runs."""
+        """Equal for states that differ in nothing but the times of their runs, in every run of the campaign."""
         stamps: dict[str, str] = {}
 
         def plain(text: str) -> str:
@@ -90,7 +92,11 @@ class State:
         records = [self.field(*place) for place in (
             ("rawdump", 0, 512), ("rawdump", MINIDUMP, 56), ("userdata", FULLDUMP_OFFSET, 56),
             ("bootfail_info", 1024, 56))]
-        return hash((*files, *records))
+        digest = hashlib.blake2b(digest_size=8)
+        for part in [part for file in files for part in file] + records:
+            content = part.encode("utf-8", "surrogateescape") if isinstance(part, str) else part
+            digest.update(len(content).to_bytes(8, "little") + content)
+        return int.from_bytes(digest.digest(), "little")
 
 
 @dataclass(frozen=True)
@@ -116,7 +122,9 @@ class Device:
         source = self.folder.parent / f"{self.folder.name}.json"
         source.write_text(json.dumps(scenario))
         for name, size in (("minidump.bin", MINIDUMP_SIZE), ("fulldump.bin", FULLDUMP_SIZE)):
-            marks = [f"{name} at {at}\n".encode().ljust(1 << 16, b"\0") for at in range(0, size, 1 << 16)]
+            noise = Random(size)  # it does not pack: the packed dump takes many writes
+            marks = [(f"{name} at {at}\n".encode() + noise.randbytes(BLOCK)).ljust(1 << 16, b"\0")
+                     for at in range(0, size, 1 << 16)]
             (self.folder.parent / name).write_bytes(b"".join(marks)[:size])
         subprocess.run([self.build / "vortadev", "create", "--force", self.folder, source], check=True)
 
@@ -172,6 +180,9 @@ class Device:
             if name not in files:
                 path = self.folder / "data" / name
                 path.rmdir() if name.endswith("/") else path.unlink()
-        for name, content in files.items():
-            if not name.endswith("/") and now.get(name) != content:
-                (self.folder / "data" / name).write_bytes(content)
+        for name, content in sorted(files.items()):
+            path = self.folder / "data" / name
+            if name.endswith("/"):
+                path.mkdir(exist_ok=True)
+            elif now.get(name) != content:
+                path.write_bytes(content)

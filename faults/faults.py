@@ -11,10 +11,10 @@ import subprocess
 import sys
 import time
 
-from boots import with_dependents
+from boots import affected_by, with_dependents
 from calls import MEMORY, Call, errors_of, of_daemon, thinned
-from campaign import (Outcome, Prepared, Result, arguments, judge_next, prepare_all, report, run_all,
-                      scratch_folder)
+from campaign import (Outcome, Prepared, Result, arguments, chosen_by, judge_next, prepare_all, report,
+                      run_all, scratch_folder)
 from device import MINIDUMP_SIZE, Device, State
 from invariants import FAULT, Broken, Case, judge
 
@@ -84,16 +84,15 @@ def plan(prepared: Prepared, short: bool, stride: int, sanitized: bool) -> tuple
     if not sanitized:
         faults += short_faults(prepared.boot.name, calls, {call.index for call in kept})
         faults += memory_faults(prepared)
-    return faults[::stride], Counter({"calls": len(calls), "merged": merged})
+    chosen = faults[::stride]
+    return chosen, Counter({"calls": len(calls), "merged": merged, "left out": len(faults) - len(chosen)})
 
 
-def affected_steps(fault: Fault, prepared: Prepared) -> frozenset[str]:
+def struck_by(fault: Fault, prepared: Prepared) -> list[Call]:
     """Nothing depends on what is written to standard output and error."""
-    if fault.steps is not None:
-        return frozenset(with_dependents(set(fault.steps)))
-    struck = [fault.call] + [call for call in prepared.calls if fault.on and call.name == fault.call.name
-                             and call.index > fault.call.index]
-    return frozenset(with_dependents({call.step for call in struck if not TERMINAL.match(call.text)}))
+    later = [call for call in prepared.calls if fault.on and call.name == fault.call.name
+             and call.index > fault.call.index]
+    return [call for call in [fault.call, *later] if not TERMINAL.match(call.text)]
 
 
 def try_fault(fault: Fault) -> Outcome:
@@ -101,20 +100,24 @@ def try_fault(fault: Fault) -> Outcome:
     device = prepared.template.copy_to(SCRATCH / str(os.getpid()))
     run = device.boot(preload=(LIBRARY, fault.order)) if fault.order else device.boot(strace=fault.strace())
     after = device.read()
-    affected = affected_steps(fault, prepared)
+    struck = [] if fault.steps is not None else struck_by(fault, prepared)
+    affected = frozenset(affected_by([(call.text, call.step) for call in struck])
+                         | with_dependents(set(fault.steps or ())))
     silent = fault.error == "EINTR" and not tells_interruption(fault)
     failed = "" if silent else fault.order or fault.call.text
     broken = judge(Case(prepared.boot, FAULT, prepared.first, prepared.clean, prepared.first, after, run,
                         affected, failed))
-    if not fault.order and not any("(INJECTED)" in line for line in run.trace):
+    if not ("STRUCK" in run.errors if fault.order else any("(INJECTED)" in line for line in run.trace)):
         broken.append(("reached", "the call to fail was not made"))
     broken += next_boot(prepared, device, after, affected)
-    return Outcome(fault.name, fault.boot, fault.call.text, broken, Counter({"faults": 1}))
+    steps = " ".join(dict.fromkeys(call.step for call in struck))
+    return Outcome(fault.name, fault.boot, f"in [{steps}]: {fault.call.text}", broken, Counter({"faults": 1}))
 
 
 def tells_interruption(fault: Fault) -> bool:
     """The transfers of records are not repeated; their failure is logged like any other."""
-    return bool(re.search(r"^write\(\d+<[^>]*(by-name/|history\.log)", fault.call.text))
+    return bool(re.search(r"^(read|write)\(\d+<[^>]*by-name/.*, (472|56)\)|^write\(\d+<[^>]*history\.log",
+                          fault.call.text))
 
 
 KNOWN_STATES: dict[tuple[str, int, bool], list[Broken]] = {}
@@ -138,9 +141,11 @@ def main() -> int:
         subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", LIBRARY, source, "-ldl"], check=True)
         PREPARED = prepare_all(SCRATCH, options)
         sanitized = b"__asan_init" in options.daemon.read_bytes()
+        if sanitized:
+            print("a sanitizer build: what needs a preloaded library, and memory, is left out")
         stride = SHORT_STRIDE if options.short and not options.only else 1
         plans = {name: plan(prepared, options.short, stride, sanitized) for name, prepared in PREPARED.items()}
-        faults = [fault for listed, _ in plans.values() for fault in listed if re.search(options.only, fault.name)]
+        faults = chosen_by(options.only, [fault for listed, _ in plans.values() for fault in listed])
         outcomes = run_all(faults, try_fault, options.jobs)
     result = Result.of(outcomes, options.hazards, {name: counted for name, (_, counted) in plans.items()})
     if options.short or options.only or sanitized:

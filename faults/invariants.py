@@ -128,7 +128,7 @@ def derived(node: bytes, first: bytes) -> bool:
 def torn_record(case: Case) -> str:
     for name in case.boot.fields:
         now, first, clean = (state.field(*FIELDS[name]) for state in (case.after, case.first, case.clean))
-        cleared = name in ("node", "minidump", "fulldump") and not any(now)
+        cleared = name in ("node", "minidump", "fulldump") and name in case.boot.steps and not any(now)
         if now not in (first, clean) and not cleared and not (name == "node" and derived(now, first)):
             return f"{name} is neither old nor new: {now[:48].hex(' ')}"
     return ""
@@ -137,6 +137,17 @@ def torn_record(case: Case) -> str:
 def lost_dump(case: Case) -> str:
     lost = [name for name, (waits, held) in evidence(case, case.after).items() if not waits and not held]
     return f"{lost[0]}: header cleared, but no file holds its bytes" if lost else ""
+
+
+def lost_log(case: Case) -> str:
+    """Each log of the crash is collected, or the node waits for the next boot; the full dump of before
+    is there until the new one is."""
+    waits = case.after.field(*FIELDS["node"]) == case.first.field(*FIELDS["node"])
+    lost = [name for name in LOGS if name in case.boot.steps and not waits
+            and case.after.collected(name) != case.clean.collected(name)]
+    if "fulldump" in case.boot.steps and not evidence(case, case.after)["fulldump"][1]:
+        lost += [name for name in case.first.files if name.endswith("-fulldump.bin") and name not in case.after.files]
+    return f"lost: {', '.join(lost)}" if lost else ""
 
 
 def stopped_steps(case: Case) -> str:
@@ -188,6 +199,7 @@ INVARIANTS: tuple[tuple[str, str, tuple[str, ...], Callable[[Case], str]], ...] 
     ("foreign bytes", "no partition byte changes outside the fields of this boot", (FAULT, CUT, NEXT), foreign_bytes),
     ("whole records", "each field of a record is whole, old or new", (FAULT, CUT, NEXT), torn_record),
     ("dump kept", "each dump waits in its partition or a file holds exactly its bytes", (FAULT, CUT, NEXT), lost_dump),
+    ("log kept", "each log, and the full dump of before, is in a file, or the node waits", (FAULT,), lost_log),
     ("independent", "a fault does not stop a later step that does not need the failed one", (FAULT,), stopped_steps),
     ("history", "at most one whole line a run; exactly one in a run without faults", (FAULT, CUT, NEXT), history),
     ("logged", "the log names the failed step, where the daemon logs it", (FAULT,), unlogged),

@@ -27,6 +27,7 @@ MUTANTS = (
      ((r"(    const int rawFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
     ("reason node cleared at the end", UPDATE,
      ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n"))),
+    ("partitions not written through", HANDLE, ((r" \| O_SYNC", ""),)),
     ("WriteRetry without its loop", HANDLE,
      ((r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),)))
 
@@ -51,7 +52,9 @@ def try_mutant(part: str, only: str, daemon: Path, options: argparse.Namespace) 
                           options.build, "--jobs", str(options.jobs), "--json", result],
                          capture_output=True, text=True, check=False)
     if not result.exists():  # even a boot without faults broke
-        return [run.stderr.splitlines()[0]] if run.returncode else []
+        if "breaks without any fault" not in run.stderr:
+            raise SystemExit(f"faults/mutants.py: scripts/{part} ended with {run.returncode}: {run.stderr}")
+        return [run.stderr.splitlines()[0]]
     broken = json.loads(result.read_text())["broken"]
     names = sorted({name for case in broken for name in case["invariants"]})
     first = [f"e.g. {broken[0]['case']}: {next(iter(broken[0]['invariants'].values()))}"] if broken else []

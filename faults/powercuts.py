@@ -11,7 +11,7 @@ import sys
 import time
 
 from calls import Call, of_daemon, parse, thinned
-from campaign import Outcome, Prepared, Result, arguments, prepare_all, report, run_all, scratch_folder
+from campaign import Outcome, Prepared, Result, arguments, chosen_by, prepare_all, report, run_all, scratch_folder
 from device import Device, State
 from invariants import CUT, NEXT, Broken, Case, judge
 from storage import after_cut, pending_after
@@ -101,7 +101,8 @@ def boots_after(prepared: Prepared, device: Device, state: State, tried: Counter
     broken = judge(Case(prepared.boot, NEXT, prepared.first, prepared.clean, state, whole.read(), run))
     calls = parse(run.trace)
     changing = [call.index for call in thinned(of_daemon(calls), SHORT_LOOP)[0] if CHANGES.match(call.text)]
-    places = changing[len(SEEN) % max(1, len(changing) // deep):: max(1, len(changing) // deep)] if deep else []
+    apart = max(1, len(changing) // max(1, deep))
+    places = changing[state.digest() % apart::apart]  # another place from state to state, the same in each run
     for place in places[:deep]:
         again = base.copy_to(folder / "second")
         if not cut(again, calls, place):
@@ -122,7 +123,7 @@ def main() -> int:
         SCRATCH = Path(folder)
         PREPARED = prepare_all(SCRATCH, options)
         plans = {name: plan(prepared, options.short) for name, prepared in PREPARED.items()}
-        cuts = [case for listed, _ in plans.values() for case in listed if re.search(options.only, case.name)]
+        cuts = chosen_by(options.only, [case for listed, _ in plans.values() for case in listed])
         outcomes = run_all(cuts, try_cut, options.jobs)
     # No cut breaks anything: the hazards that are kept are those of faults.
     result = Result.of(outcomes, [], {name: counted for name, (_, counted) in plans.items()})

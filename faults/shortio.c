@@ -4,7 +4,8 @@
  *     write:none    writes nothing and gives 0
  *     gzwrite:none  packs nothing and gives 0
  *     malloc:none   no memory, for a call of the daemon's own
- *     asprintf:none the same for a text */
+ *     asprintf:none the same for a text
+ * The first strike is told on standard error. */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -12,11 +13,12 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 static char call[9], kind[8];
 static long first, counted;
-static int on;
+static int on, told;
 
 __attribute__((constructor)) static void ReadOrder(void) {
     const char* order = getenv("FAULT");
@@ -37,7 +39,12 @@ static int Strikes(const char* name) {
         return 0;
     }
     ++counted;
-    return counted == first || (on && counted > first);
+    const int strikes = counted == first || (on && counted > first);
+    if (strikes && !told) {
+        told = 1;
+        (void)syscall(SYS_write, STDERR_FILENO, "STRUCK\n", 7);
+    }
+    return strikes;
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {

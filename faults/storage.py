@@ -1,7 +1,8 @@
 """A conservative model of storage: what of a boot's files may be missing after a power cut. Partitions
 are written through (O_SYNC), a record by one call, so that they are whole, before or after it. Of files,
-bytes written without O_SYNC and not yet flushed may be there, absent, or torn at 4 KiB, and a new name
-may be missing until its own file or folder, or the folder that it stands in, was flushed."""
+bytes written without O_SYNC and not yet flushed may be there, absent, or torn at 4 KiB; a new name may be
+missing until its own file or folder, or the folder that it stands in, was flushed; and a removed one may be
+back until that folder was."""
 from __future__ import annotations
 
 from dataclasses import dataclass, field
@@ -22,10 +23,11 @@ FLUSHED = re.compile(r"^fsync\(\d+</data/([^>]*)>\) = 0")
 
 @dataclass
 class Pending:
-    """What storage may lack: of each file the bytes behind those that are flushed, and names. `known` are
-    the names that the daemon made."""
+    """What storage may lack: of each file the bytes behind those that are flushed, names in the order in
+    which they were made, and removals. `known` are the names that the daemon made."""
     flushed: dict[str, int] = field(default_factory=dict)
-    names: set[str] = field(default_factory=set)
+    names: list[str] = field(default_factory=list)
+    removed: set[str] = field(default_factory=set)
     known: set[str] = field(default_factory=set)
 
 
@@ -41,28 +43,34 @@ def pending_after(calls: list[Call], existing: set[str]) -> Pending:
             through[descriptor] = "O_SYNC" in flags
             if "O_CREAT" in flags and name not in pending.known:
                 pending.known.add(name)
-                pending.names.add(name)
+                pending.names.append(name)
         elif found := MADE.match(text):
             pending.known.add(found.group(1) + "/")
-            pending.names.add(found.group(1) + "/")
+            pending.names.append(found.group(1) + "/")
         elif found := REMOVED.match(text):
             pending.flushed.pop(found.group(1), None)
-            pending.known.discard(found.group(1))
+            pending.known -= {found.group(1), found.group(1) + "/"}
+            pending.names = [other for other in pending.names if other != found.group(1)]
+            pending.removed.add(found.group(1))
         elif found := WRITTEN.match(text):
             descriptor, name, size = found.groups()
             if through.get(descriptor):
-                pending.names.discard(name)
+                pending.names = [other for other in pending.names if other != name]
             else:
                 pending.flushed.setdefault(name, sizes.get(name, 0))
             sizes[name] = sizes.get(name, 0) + int(size)
         elif found := FLUSHED.match(text):
             name = found.group(1)
             pending.flushed.pop(name, None)
-            pending.names = {other for other in pending.names if other.rstrip("/") != name
-                             and str(PurePosixPath(other).parent) != name}
+            pending.names = [other for other in pending.names if other.rstrip("/") != name
+                             and str(PurePosixPath(other).parent) != name]
+            gone = tuple(other for other in pending.removed if str(PurePosixPath(other).parent) == name)
+            pending.removed = {other for other in pending.removed
+                               if other not in gone and not other.startswith(tuple(f"{top}/" for top in gone))}
     return pending
 
 
+LAST_ABSENT, REMOVED_BACK = "the newest name absent", "removed names back"
 # Name of a way that storage may look; what is found of a file, given how much of it is flushed; and which
 # new names are lacking.
 WAYS: tuple[tuple[str, Callable[[bytes, int], bytes], Callable[[str], bool]], ...] = (
@@ -73,7 +81,9 @@ WAYS: tuple[tuple[str, Callable[[bytes, int], bytes], Callable[[str], bool]], ..
     ("first 4 KiB absent", lambda data, flushed: (
         data[:flushed] + bytes(len(data[flushed:flushed + BLOCK])) + data[flushed + BLOCK:]), lambda name: False),
     ("new folders absent", lambda data, flushed: data, lambda name: name.endswith("/")),
-    ("new names absent", lambda data, flushed: data[:flushed], lambda name: True))
+    ("new names absent", lambda data, flushed: data[:flushed], lambda name: True),
+    (LAST_ABSENT, lambda data, flushed: data, lambda name: False),
+    (REMOVED_BACK, lambda data, flushed: data, lambda name: False))
 
 
 def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, State]]:
@@ -81,6 +91,7 @@ def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, St
     are the shell's: nothing of them is flushed."""
     flushed: dict[str, int] = {}
     unnamed: set[str] = set()
+    last: set[str] = set()
     for name in now.files:
         plain = name if name in before.files else STAMP.sub("TIME", name)
         shells = plain not in pending.known
@@ -88,12 +99,15 @@ def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, St
             flushed[name] = pending.flushed.get(plain, 0)
         if shells or plain in pending.names:
             unnamed.add(name)
+        if plain in pending.names[-1:]:
+            last.add(name)
+    back = {name: data for name, data in before.files.items() if name.rstrip("/") in pending.removed}
     found: dict[int, tuple[str, State]] = {}
     for way, content, lacks in WAYS:
-        lost = {name for name in unnamed if lacks(name)}
+        lost = last if way == LAST_ABSENT else {name for name in unnamed if lacks(name)}
         below = tuple(name for name in lost if name.endswith("/"))
         files = {name: content(data, flushed[name]) if name in flushed else data
                  for name, data in now.files.items() if name not in lost and not name.startswith(below)}
-        state = State(now.partitions, files)
+        state = State(now.partitions, files | back if way == REMOVED_BACK else files)
         found.setdefault(state.digest(), (way, state))
     return list(found.values())

@@ -39,13 +39,13 @@ class Input {
     Input(const uint8_t* data, size_t size) : rest_(reinterpret_cast<const char*>(data), size) {}
 
     std::string Bytes(size_t most) {
-        const std::string piece = rest_.substr(0, most);
+        std::string piece = rest_.substr(0, most);
         rest_.erase(0, most);
         return piece;
     }
     uint8_t Byte() { return static_cast<uint8_t>((Bytes(1) + '\0')[0]); }
     std::string Text() {
-        const std::string piece = rest_.substr(0, rest_.find('\x1e'));
+        std::string piece = rest_.substr(0, rest_.find('\x1e'));
         rest_.erase(0, piece.size() + 1);
         return piece;
     }

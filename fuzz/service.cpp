@@ -35,7 +35,7 @@ enum Flag : uint16_t {
 
 constexpr int64_t kDump = sizeof(DumpHeader);
 constexpr int64_t kMini = 0x400000;
-constexpr int64_t kChunk = 512 * 1024;
+constexpr int64_t kChunk = 0x80000;
 // Partitions that end in the header, in a log, in the dump's header, after whole and cut chunks.
 constexpr size_t kRawdumpSizes[] = {
     kMini + kChunk,    0, 300, 0x90000, kMini + 20, kMini + 3 * kChunk, kMini + kChunk + 100,

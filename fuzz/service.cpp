@@ -122,7 +122,7 @@ std::string CheckPartition(const std::string& name, bool exists, const std::stri
                            const std::vector<Region>& writable) {
     const std::string path = fuzz::kPartitions + name;
     Require(exists == fs::exists(path), "no partition is made");
-    const std::string now = exists ? fuzz::Read(path) : before;
+    std::string now = exists ? fuzz::Read(path) : before;
     std::string masked = now;
     for (const Region& field : writable) {
         if (field.offset >= 0 && field.offset < static_cast<int64_t>(before.size())) {

@@ -3,6 +3,7 @@ sandbox, and prints a table. Asserts nothing about times; stops when a rival sav
 from __future__ import annotations
 
 import argparse
+from dataclasses import dataclass, field
 import json
 import os
 from pathlib import Path
@@ -14,6 +15,7 @@ import subprocess
 import sys
 import tempfile
 import time
+from typing import Any
 
 from cases import GROWTH, Case, all_cases
 from device import MINIDUMP_SIZE, Contender, Device
@@ -22,7 +24,8 @@ ROOT = Path(__file__).resolve().parent.parent
 MEMORY_FOLDER = "/dev/shm"
 SERVICE = ("-r", "boot")
 FEW = 3  # up to so many rounds all count; with more, one is run before them
-STATED = {"peak memory": (6 << 10, "KiB"), "stripped daemon": (100 << 10, "bytes")}
+STATED = {"peak memory": (6 << 10, "KiB"), "stripped daemon": (100 << 10, "bytes"),
+          "flat memory": (256, "KiB")}
 
 
 def spread(values: list[float]) -> dict[str, float]:
@@ -36,49 +39,71 @@ def file_system(folder: Path | str) -> str:
                           check=True).stdout.strip()
 
 
-def check_same(device: Device, contender: Contender, saved: dict, first: dict) -> None:
-    """A rival that saves less, or a dump that packs unlike a phone's, would make the figures worthless."""
-    if not first:
-        return
-    for name in first.keys() | saved.keys():
-        if name != "DONE" and first.get(name) != saved.get(name):
-            raise SystemExit(f"bench: {device.folder.name}: {name} of {contender.name} is not what the daemon saved")
+@dataclass
+class Trial:
+    """A case under way: who is timed on its device, what each run has cost, and what the first one saved."""
+    case: Case
+    device: Device
+    contenders: list[Contender]
+    runs: dict[str, list[dict]] = field(default_factory=dict)
+    known: dict[str, tuple[int, str]] | None = None
+
+    def round(self, number: int, counts: bool) -> None:
+        for contender in turned(self.contenders, number):
+            cost = self.device.boot(contender)
+            if counts:
+                self.runs.setdefault(contender.name, []).append(cost)
+            self.check(contender, number == 0)
+
+    def check(self, contender: Contender, digests: bool) -> None:
+        """A rival that saves less than the daemon, or nothing because the daemon saved nothing, would make
+        the figures worthless. Digests take as long as a run and fill the cache: once for each is enough."""
+        where = f"bench: {self.case.name}: {contender.name}"
+        saved, lines = self.device.saved(digests), self.device.history_lines()
+        if len(saved) != self.case.saves:
+            raise SystemExit(f"{where} saved {len(saved)} files of evidence; expected {self.case.saves}")
+        if lines != contender.lines:
+            raise SystemExit(f"{where} added {lines} lines to the history; expected {contender.lines}")
+        self.known = saved if self.known is None else self.known
+        compared = 2 if digests else 1
+        for name in self.known.keys() | saved.keys():
+            if self.known.get(name, ())[:compared] != saved.get(name, ())[:compared]:
+                raise SystemExit(f"{where} left another {name} than the daemon did in the first round")
+        if digests and self.case.name.startswith("abnormal-phone"):
+            check_packing(self.device)
 
 
 def check_packing(device: Device) -> None:
+    """A dump that packs unlike a phone's would make the figures worthless as well."""
     packed = next(device.folder.rglob("rawdump.bin")).stat().st_size / MINIDUMP_SIZE
     if not 0.2 <= packed <= 0.5:
         raise SystemExit(f"bench: the minidump packs to {packed:.2f} of its size; expected a fifth to a half")
 
 
-def run_case(case: Case, contenders: list[Contender], rounds: int, device: Device) -> dict:
-    runs: dict[str, list[dict]] = {contender.name: [] for contender in contenders}
-    saved: dict = {}
+def turned(items: list[Any], number: int) -> list[Any]:
+    """Another one begins each round, so that none always follows the same."""
+    return items[number % len(items):] + items[:number % len(items)]
+
+
+def run_group(trials: list[Trial], rounds: int) -> None:
     warming = 1 if rounds > FEW else 0  # the programs themselves come from the disk then
     for number in range(rounds + warming):
-        turn = number % len(contenders)  # another one begins each round: none always follows the same
-        for contender in contenders[turn:] + contenders[:turn]:
-            cost = device.boot(contender)
-            if number >= warming:
-                runs[contender.name].append(cost)
-            if number:
-                continue
-            now = device.saved()
-            if case.rivals:
-                check_same(device, contender, now, saved)
-                saved = saved or now
-            if case.name.startswith("abnormal-phone"):
-                check_packing(device)
-    result: dict = {"title": case.title, "place": case.place, "rounds": rounds, "contenders": {}}
-    mine = runs[contenders[0].name]
-    for name, costs in runs.items():
-        result["contenders"][name] = {
+        for trial in turned(trials, number):
+            trial.round(number, number >= warming)
+
+
+def summary(trial: Trial) -> dict:
+    case, runs = trial.case, trial.runs
+    mine = runs[trial.contenders[0].name]
+    result: dict = {"title": case.title, "place": case.place, "rounds": len(mine), "contenders": {}}
+    for contender in trial.contenders:
+        costs = runs[contender.name]
+        figures = result["contenders"][contender.name] = {
             "wall": spread([cost["wall"] for cost in costs]), "runs": costs,
             "processor": spread([cost["user"] + cost["system"] for cost in costs]),
             "peakKiB": max(cost["peakKiB"] for cost in costs)}
-        if name != contenders[0].name:
-            result["contenders"][name]["daemonRatio"] = spread(
-                [a["wall"] / b["wall"] for a, b in zip(mine, costs)])
+        if costs is not mine:
+            figures["daemonRatio"] = spread([a["wall"] / b["wall"] for a, b in zip(mine, costs)])
     result["goals"] = []
     for goal in case.goals:
         ratio = result["contenders"][goal.rival]["daemonRatio"]["median"]
@@ -103,14 +128,19 @@ def count(device: Device, contenders: list[Contender]) -> dict:
     return counts
 
 
-def sizes(build: Path) -> dict[str, int]:
-    found = {}
+def sizes(build: Path) -> dict[str, int | None]:
+    """Bytes of the stripped daemon on each machine; None where it is not built."""
+    found: dict[str, int | None] = {}
     for machine, program, strip in (("x86-64", build / "vorta", "strip"),
                                     ("arm64", build.parent / "arm64/vorta", "aarch64-linux-gnu-strip")):
+        found[machine] = None
         if program.exists() and shutil.which(strip):
-            with tempfile.NamedTemporaryFile() as stripped:
-                subprocess.run([strip, "-s", "-o", stripped.name, program], check=True)
-                found[machine] = os.path.getsize(stripped.name)
+            with tempfile.TemporaryDirectory() as folder:
+                stripped = Path(folder) / "vorta"
+                if subprocess.run([strip, "-s", "-o", stripped, program], capture_output=True,
+                                  check=False).returncode != 0:
+                    raise SystemExit(f"bench: {program} cannot be stripped; expected an ELF program for {machine}")
+                found[machine] = stripped.stat().st_size
     return found
 
 
@@ -166,9 +196,18 @@ def print_goals(report: dict) -> None:
         limit, unit = STATED["peak memory"]
         line(f"peak memory below {limit} {unit}, whatever there is to save",
              f"{min(peaks.values())} to {max(peaks.values())}", max(peaks.values()) < limit)
+    full = [peak for name, peak in peaks.items() if name.startswith("full-")]
+    if all(any(name.startswith(size) for name in peaks) for size in ("full-256-", "full-2048-")):
+        limit, unit = STATED["flat memory"]
+        line(f"peak memory flat: full dumps of 256 MiB and 2 GiB within {limit} {unit} of each other",
+             f"{min(full)} to {max(full)}", max(full) - min(full) <= limit)
     for machine, size in report["sizes"].items():
         limit, unit = STATED["stripped daemon"]
-        line(f"stripped daemon, {machine}, below {limit} {unit}", str(size), size < limit)
+        words = f"stripped daemon, {machine}, below {limit} {unit}"
+        if size is None:
+            print(f"| {words} | not built | scripts/test-{machine} builds it |")
+        else:
+            line(words, str(size), size < limit)
     if all(f"growth-{files}" in results for files in GROWTH):
         report["secondsPerFile"] = per_file(results)
         *_, before, last = report["secondsPerFile"].values()
@@ -192,45 +231,73 @@ def options() -> argparse.Namespace:
     return parser.parse_args()
 
 
-def measure(chosen: argparse.Namespace, places: dict[str, Path], build: Path, results: dict[str, dict]) -> None:
-    """Runs the chosen cases one after the other; each result is there as soon as its case is done."""
+def check_paths(chosen: argparse.Namespace) -> None:
+    """Before hours go by: what is to be measured is there, and the figures have a place to go."""
+    for option, program in (("--build", chosen.build / "vorta"), ("--build", chosen.build / "vortadev"),
+                            ("--against", chosen.against)):
+        if program and not (program.is_file() and os.access(program, os.R_OK | os.X_OK)):
+            raise SystemExit(f"bench: {option}: {program} cannot be run; expected a program")
+    if chosen.json.is_dir() or not chosen.json.parent.is_dir():
+        raise SystemExit(f"bench: --json: {chosen.json} cannot be written; expected a file in a folder that exists")
+
+
+def chosen_groups(chosen: argparse.Namespace) -> list[list[Case]]:
+    """The cases to be run, those of one group together."""
+    able = [case for case in all_cases() if not (chosen.quick and case.long)]
+    beginnings = chosen.only.split(",")
+    for beginning in beginnings:
+        if not any(case.name.startswith(beginning) for case in able):
+            raise SystemExit(f"bench: --only: no case{' of a quick run' if chosen.quick else ''} begins with "
+                             f"'{beginning}'; expected some of " + ", ".join(case.name for case in able))
+    groups: dict[str, list[Case]] = {}
+    for case in able:
+        if case.name.startswith(tuple(beginnings)):
+            if case.skipped:
+                print(f"{case.name}: skipped, {case.skipped}", file=sys.stderr)
+            else:
+                groups.setdefault(case.group or case.name, []).append(case)
+    return list(groups.values())
+
+
+def measure(chosen: argparse.Namespace, groups: list[list[Case]], places: dict[str, Path], build: Path,
+            results: dict[str, dict]) -> None:
+    """Runs one group after the other; the results are there as soon as their group is done."""
     started = time.monotonic()
     contenders = [Contender("daemon", build / "vorta", SERVICE)]
     if chosen.against:
         contenders.append(Contender("other daemon", chosen.against.resolve(), SERVICE))
-    for case in all_cases():
-        if not case.name.startswith(tuple(chosen.only.split(","))) or (chosen.quick and case.long):
-            continue
-        if case.skipped:
-            print(f"{case.name}: skipped, {case.skipped}", file=sys.stderr)
-            continue
-        print(f"{time.monotonic() - started:5.0f} s  {case.name}", file=sys.stderr, flush=True)
-        device = case.make(places[case.place] / case.name, build)
-        everyone = [*contenders, *case.rivals]
-        result = run_case(case, everyone, case.quick_rounds if chosen.quick else case.rounds, device)
-        if case.counted:
-            result["counts"] = count(device, everyone)
-        results[case.name] = result
-        shutil.rmtree(device.folder)
+    for group in groups:
+        print(f"{time.monotonic() - started:5.0f} s  {', '.join(case.name for case in group)}",
+              file=sys.stderr, flush=True)
+        trials = [Trial(case, case.make(places[case.place] / case.name, build), [*contenders, *case.rivals])
+                  for case in group]
+        run_group(trials, group[0].quick_rounds if chosen.quick else group[0].rounds)
+        for trial in trials:
+            results[trial.case.name] = summary(trial)
+            if trial.case.counted:
+                results[trial.case.name]["counts"] = count(trial.device, trial.contenders)
+            shutil.rmtree(trial.device.folder)
 
 
 def main() -> None:
     chosen = options()
+    check_paths(chosen)
+    groups = chosen_groups(chosen)
     build = chosen.build.resolve()
     (build / "bench").mkdir(exist_ok=True)
     subprocess.run(["cc", "-O2", "-static", "-o", build / "bench/timer", ROOT / "bench/timer.c"], check=True)
-    places = {"disk": build / "bench", "memory": Path(tempfile.mkdtemp(dir=MEMORY_FOLDER))}
-    machine = {name: file_system(folder) for name, folder in places.items()}
+    machine = {"disk": file_system(build / "bench"), "memory": file_system(MEMORY_FOLDER)}
     if machine["disk"] == "tmpfs":
         raise SystemExit(f"bench: {build} is on a tmpfs; expected a file system on a disk")
     report: dict = {"machine": machine | {"processors": os.cpu_count(), "kernel": platform.release().split("-")[0],
                                           "load": round(os.getloadavg()[0], 1)}, "cases": {}, "sizes": sizes(build)}
-    try:
-        measure(chosen, places, build, report["cases"])
-    except KeyboardInterrupt:
-        print("bench: interrupted; the figures are those of the cases that were done", file=sys.stderr)
-    finally:
-        shutil.rmtree(places["memory"])
+    results: dict[str, dict] = {}
+    with tempfile.TemporaryDirectory(dir=MEMORY_FOLDER) as memory:
+        try:
+            measure(chosen, groups, {"disk": build / "bench", "memory": Path(memory)}, build, results)
+        except KeyboardInterrupt:
+            print("bench: interrupted; the figures are those of the cases that were done", file=sys.stderr)
+    report["cases"] = {case.name: results[case.name] for case in all_cases() if case.name in results}
     print(", ".join(f"{name}: {value}" for name, value in report["machine"].items()))
     print_times(report["cases"])
     print_counts(report["cases"])

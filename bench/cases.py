@@ -15,6 +15,7 @@ NORMAL_SHELL = Contender("shell", RIVALS / "normal.sh", ())
 PIPELINE = Contender("pipeline, gzip", RIVALS / "abnormal.sh", GZIP)
 ZLIB_PIPELINE = Contender("pipeline, zlib", RIVALS / "abnormal.sh", PIGZ)
 GROWTH = (10, 1000, 10000, 100000)
+LOGS = 4  # whose text an abnormal boot saves
 
 
 @dataclass(frozen=True)
@@ -37,6 +38,7 @@ class Case:
     title: str
     place: str  # "disk" or "memory": where the device lies
     make: Callable[[Path, Path], Device]  # from its folder and the build folder
+    saves: int  # files of evidence that the boot leaves
     rivals: tuple[Contender, ...] = ()
     goals: tuple[Goal, ...] = ()
     rounds: int = 10
@@ -44,6 +46,7 @@ class Case:
     counted: bool = False  # system calls and storage as well
     needs_root: bool = False
     long: bool = False  # left out of a quick run
+    group: str = ""  # cases of one group, which have the same rounds, are run in turns
 
     @property
     def skipped(self) -> str:
@@ -53,15 +56,15 @@ class Case:
 def dd(size: int) -> Contender:
     return Contender("dd", "/usr/bin/dd", (
         "if=/dev/block/by-name/userdata", "of=/data/vendor/log/reliability/fulldumplog/fulldump.bin", "bs=512K",
-        "iflag=skip_bytes,count_bytes", f"skip={FULLDUMP}", f"count={size}", "oflag=sync", "status=none"))
+        "iflag=skip_bytes,count_bytes", f"skip={FULLDUMP}", f"count={size}", "oflag=sync", "status=none"), lines=0)
 
 
 def boots() -> list[Case]:
     cases = []
     for place in ("disk", "memory"):
         cases.append(Case(f"normal-{place}", "normal boot", place, lambda at, build: Device(at, build, scenario()),
-                          (NORMAL_SHELL,), (Goal("shell", "at most 1.2 of its unavoidable work", most=1.2),), 20, 4,
-                          place == "disk"))
+                          0, (NORMAL_SHELL,), (Goal("shell", "at most 1.2 of its unavoidable work", most=1.2),),
+                          20, 4, place == "disk"))
     pipelines = tuple(Goal(rival.name, f"at most 0.95 of the {rival.name}", most=0.95)
                       for rival in (PIPELINE, ZLIB_PIPELINE))
     fills = {"phone": "phone", "random": {"random": 7}, "zeros": "zeros"}
@@ -69,14 +72,15 @@ def boots() -> list[Case]:
         cases.append(Case(f"abnormal-{fill}-{place}", f"abnormal boot, minidump of {fill}" +
                           (" content" if fill == "phone" else ""), place,
                           lambda at, build, fill=fills[fill]: Device(at, build, scenario(2, fill)),
-                          (PIPELINE, ZLIB_PIPELINE) if fill == "phone" else (PIPELINE,),
+                          LOGS + 1, (PIPELINE, ZLIB_PIPELINE) if fill == "phone" else (PIPELINE,),
                           pipelines if fill == "phone" else (),
-                          counted=place == "disk" and fill == "phone"))
+                          counted=place == "disk" and fill == "phone",
+                          group="region" if place == "disk" else ""))
     cases.append(Case("abnormal-buffered", "abnormal boot, phone content, a strings that buffers", "disk",
                       lambda at, build: Device(at, build, scenario(2, "phone"), strings="/usr/bin/strings"),
-                      (PIPELINE, ZLIB_PIPELINE)))
+                      LOGS + 1, (PIPELINE, ZLIB_PIPELINE)))
     cases.append(Case("abnormal-no-minidump", "abnormal boot, no minidump", "disk",
-                      lambda at, build: Device(at, build, scenario(2))))
+                      lambda at, build: Device(at, build, scenario(2)), LOGS, group="region"))
     return cases
 
 
@@ -96,15 +100,17 @@ def full_dumps() -> list[Case]:
         name = behind.split()[0] if place == "disk" else place
         cases.append(Case(f"full-{mib}-{name}", f"full dump of {words}, {behind} as partitions", place,
                           lambda at, build, size=mib * MIB, loop=behind == "loop devices":
-                          Device(at, build, scenario(fulldump=size), loop), (dd(mib * MIB), shell(mib * MIB)),
-                          goals, 20 if mib == 256 else 10, 1, counted=mib == 256 and place == "disk",
+                          Device(at, build, scenario(fulldump=size), loop), 1,
+                          (dd(mib * MIB), shell(mib * MIB)), goals, 20 if mib == 256 else 10, 1,
+                          counted=mib == 256 and place == "disk",
                           needs_root=behind == "loop devices", long=mib > 256))
     return cases
 
 
 def growth() -> list[Case]:
     return [Case(f"growth-{files}", f"abnormal boot, no dump, empty logs, {files:,} files below dumplog", "disk",
-                 lambda at, build, files=files: Device(at, build, scenario(2, logs=False), files=files))
+                 lambda at, build, files=files: Device(at, build, scenario(2, logs=False), files=files),
+                 LOGS, group="growth")
             for files in GROWTH]
 
 

@@ -9,6 +9,7 @@ import os
 from pathlib import Path
 import shutil
 import subprocess
+from typing import Iterator
 import zlib
 
 MIB = 1 << 20
@@ -18,6 +19,7 @@ RECORD = 4096  # what is put back of each place where a boot writes a record
 PARTITIONS = "dev/block/by-name"
 DUMPLOG = "data/vendor/log/reliability/dumplog"
 FULLDUMPLOG = "data/vendor/log/reliability/fulldumplog"
+HISTORY, DONE = "history.log", "DONE"
 EARLIER = "2024"  # names that are there before the run begin with this year, those of a run do not
 RIVAL_TOOLS = ("dd", "gzip", "pigz")
 
@@ -48,6 +50,7 @@ class Contender:
     name: str
     program: str | Path
     arguments: tuple[str, ...]
+    lines: int = 1  # that it adds to the history
 
 
 class Device:
@@ -121,14 +124,31 @@ class Device:
                              + result.stderr.decode(errors="replace").strip())
         return {} if wrap else json.loads((self.folder / "out/cost").read_text())
 
-    def saved(self) -> dict[str, tuple[int, str]]:
-        """Size and digest of each piece of evidence that the run left, the minidump unpacked."""
-        files: dict[str, tuple[int, str]] = {}
+    def _left(self) -> Iterator[Path]:
+        """The files that the run left; walks past what was there before."""
         for root in (DUMPLOG, FULLDUMPLOG):
-            for path in (self.folder / root).rglob("*"):
-                if path.is_file() and not path.parent.name.startswith(EARLIER) and path.name != "history.log":
-                    files[path.name.rpartition("-")[2]] = self._digest(path)
-        return files
+            for entry in (self.folder / root).iterdir():
+                if not entry.name.startswith(EARLIER):
+                    yield from (path for path in (entry, *entry.rglob("*")) if path.is_file())
+
+    def saved(self, digests: bool) -> dict[str, tuple[int, str]]:
+        """Size and digest of each piece of evidence that the run left, the minidump unpacked. Without
+        digests no file is read through, and the size of the minidump is what its last bytes say."""
+        return {path.name.rpartition("-")[2]: self._digest(path) if digests else (self._size(path), "")
+                for path in self._left() if path.name not in (HISTORY, DONE)}
+
+    def history_lines(self) -> int:
+        history = self.folder / DUMPLOG / HISTORY
+        return history.read_bytes().count(b"\n") if history.exists() else 0
+
+    @staticmethod
+    def _size(path: Path) -> int:
+        size = path.stat().st_size
+        if path.name != "rawdump.bin":
+            return size
+        with open(path, "rb") as packed:  # gzip's trailer (RFC 1952) ends with the size before, 32 bits
+            packed.seek(max(size - 4, 0))
+            return int.from_bytes(packed.read(), "little")
 
     @staticmethod
     def _digest(path: Path) -> tuple[int, str]:
@@ -136,13 +156,14 @@ class Device:
         unpack = zlib.decompressobj(wbits=31).decompress if path.name == "rawdump.bin" else bytes
         with open(path, "rb") as content:
             while chunk := content.read(MIB):
-                plain = unpack(chunk)
+                try:
+                    plain = unpack(chunk)
+                except zlib.error:
+                    return size, "not gzip"
                 digest.update(plain)
                 size += len(plain)
         return size, digest.hexdigest()
 
     def evidence(self) -> int:
         """Bytes of the files that the run left."""
-        return sum(path.stat().st_size for root in (DUMPLOG, FULLDUMPLOG)
-                   for path in (self.folder / root).rglob("*")
-                   if path.is_file() and not path.parent.name.startswith(EARLIER))
+        return sum(path.stat().st_size for path in self._left())

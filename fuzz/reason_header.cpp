@@ -36,9 +36,12 @@ void Derive(RainbowHandle& handle, Model& model, uint32_t category, std::string 
     node.innerResetReason = kResetNormal;
     node.bootLevel = 1;
     node.mreasonStrFlag = node.sreasonStrFlag = kTextValid;
-    std::string name = reason.empty() ? "UNKNOWN" : kNames[category];
+    std::string name = kNames[category];
     std::string detail = reason.empty() ? "UNKNOWN" : reason.size() > 127 ? "" : reason;
     name.resize(sizeof(node.mreasonStr));
+    if (reason.empty()) {  // put over the name, whose end stays behind the NUL
+        name.replace(0, sizeof("UNKNOWN"), "UNKNOWN", sizeof("UNKNOWN"));
+    }
     detail.resize(sizeof(node.sreasonStr));
     name.copy(node.mreasonStr, sizeof(node.mreasonStr));
     detail.copy(node.sreasonStr, sizeof(node.sreasonStr));

@@ -55,7 +55,7 @@ int Expected(Kind kind, const Call& call, std::string& arena) {
                                        : arena.substr(call.src, call.count);
     size_t read = stored.size();
     if (kind == kText) {
-        stored = std::string(stored.c_str()) + '\0';
+        stored = stored.substr(0, stored.find('\0')) + '\0';
         read = std::min(stored.size(), call.count);
     }
     int code = 0;

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <signal.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -80,8 +81,18 @@ inline std::string Read(const std::string& path) {
     return bytes;
 }
 
+// The fuzzer keeps time by a signal, which would interrupt the reading of a pipe. In the daemon's own
+// process no signal has a handler.
+inline void RepeatInterrupted() {
+    struct sigaction action = {};
+    (void)sigaction(SIGALRM, nullptr, &action);
+    action.sa_flags |= SA_RESTART;
+    (void)sigaction(SIGALRM, &action, nullptr);
+}
+
 // Closes what the objects under test left open, as the end of their process would.
 inline void CloseLeftOpen() {
+    RepeatInterrupted();
     firstFree = firstFree < 0 ? dup(STDIN_FILENO) : firstFree;
     (void)close_range(static_cast<unsigned>(firstFree), ~0U, 0);
 }

@@ -81,8 +81,8 @@ inline std::string Read(const std::string& path) {
     return bytes;
 }
 
-// The fuzzer keeps time by a signal, which would interrupt the reading of a pipe. In the daemon's own
-// process no signal has a handler.
+// The fuzzer keeps time by a signal, which would interrupt the reading of a pipe. In the daemon's
+// own process no signal has a handler.
 inline void RepeatInterrupted() {
     struct sigaction action = {};
     (void)sigaction(SIGALRM, nullptr, &action);

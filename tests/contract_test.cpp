@@ -1,5 +1,5 @@
-// What the operations answer where there is nothing to work on: before the record is read, without an
-// open file, or to an argument that stands for nothing. None of them may touch a partition then.
+// What the operations answer where there is nothing to work on: before the record is read, without
+// an open file, or to an argument that stands for nothing. None of them may touch a partition then.
 #include <gtest/gtest.h>
 
 #include <functional>

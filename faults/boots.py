@@ -120,6 +120,7 @@ STEPS = {step.name: step for step in (
          lambda state: state.files.get("vendor/factory/events.txt")),
     Step("history", r"^openat\(.*history\.log.*O_APPEND", (), ("header",),
          lambda state: -1 if len(state.history()) > 1 << 20 else state.history().count(b"\n")),
+    # What the line of the history says: it depends on more than that there is one.
     Step("told", needs=("history", "reason", "node"), evidence=lambda state: LINE_TIME.sub(b"", state.history())),
     Step("usertype", r"^openat\(.*build\.prop", ("history",), ("header",),
          field_of("usertype")),

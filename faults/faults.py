@@ -137,7 +137,7 @@ def main() -> int:
     options = arguments("faults", __doc__)
     with scratch_folder() as folder:
         SCRATCH, LIBRARY = Path(folder), Path(folder) / "faults.so"
-        source = Path(__file__).with_name("shortio.c")
+        source = Path(__file__).with_name("preload.c")
         subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", LIBRARY, source, "-ldl"], check=True)
         PREPARED = prepare_all(SCRATCH, options)
         sanitized = b"__asan_init" in options.daemon.read_bytes()

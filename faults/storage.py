@@ -70,44 +70,54 @@ def pending_after(calls: list[Call], existing: set[str]) -> Pending:
     return pending
 
 
-LAST_ABSENT, REMOVED_BACK = "the newest name absent", "removed names back"
-# Name of a way that storage may look; what is found of a file, given how much of it is flushed; and which
-# new names are lacking.
-WAYS: tuple[tuple[str, Callable[[bytes, int], bytes], Callable[[str], bool]], ...] = (
-    ("all there", lambda data, flushed: data, lambda name: False),
-    ("unflushed bytes absent", lambda data, flushed: data[:flushed], lambda name: False),
-    ("torn in the middle", lambda data, flushed: data[:flushed + (len(data) - flushed) // 2 // BLOCK * BLOCK],
-     lambda name: False),
-    ("first 4 KiB absent", lambda data, flushed: (
-        data[:flushed] + bytes(len(data[flushed:flushed + BLOCK])) + data[flushed + BLOCK:]), lambda name: False),
-    ("new folders absent", lambda data, flushed: data, lambda name: name.endswith("/")),
-    ("new names absent", lambda data, flushed: data[:flushed], lambda name: True),
-    (LAST_ABSENT, lambda data, flushed: data, lambda name: False),
-    (REMOVED_BACK, lambda data, flushed: data, lambda name: False))
+def whole(data: bytes, flushed: int) -> bytes:
+    return data
+
+
+def only_flushed(data: bytes, flushed: int) -> bytes:
+    return data[:flushed]
+
+
+def torn(data: bytes, flushed: int) -> bytes:
+    return data[:flushed + (len(data) - flushed) // 2 // BLOCK * BLOCK]
+
+
+def without_first_block(data: bytes, flushed: int) -> bytes:
+    return data[:flushed] + bytes(len(data[flushed:flushed + BLOCK])) + data[flushed + BLOCK:]
+
+
+# Name of a way that storage may look; what is found of a file, given how much of it is flushed; which of the
+# new names are lacking, given the name and whether it is the newest; and whether removed ones are back.
+WAYS: tuple[tuple[str, Callable[[bytes, int], bytes], Callable[[str, bool], bool], bool], ...] = (
+    ("all there", whole, lambda name, newest: False, False),
+    ("unflushed bytes absent", only_flushed, lambda name, newest: False, False),
+    ("torn in the middle", torn, lambda name, newest: False, False),
+    ("first 4 KiB absent", without_first_block, lambda name, newest: False, False),
+    ("new folders absent", whole, lambda name, newest: name.endswith("/"), False),
+    ("new names absent", only_flushed, lambda name, newest: True, False),
+    ("the newest name absent", whole, lambda name, newest: newest, False),
+    ("removed names back", whole, lambda name, newest: False, True))
 
 
 def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, State]]:
     """The ways that storage may look after the cut, each once. Files that the daemon did not open itself
     are the shell's: nothing of them is flushed."""
     flushed: dict[str, int] = {}
-    unnamed: set[str] = set()
-    last: set[str] = set()
+    unnamed: dict[str, bool] = {}  # whether it is the newest
     for name in now.files:
         plain = name if name in before.files else STAMP.sub("TIME", name)
         shells = plain not in pending.known
         if shells or plain in pending.flushed:
             flushed[name] = pending.flushed.get(plain, 0)
         if shells or plain in pending.names:
-            unnamed.add(name)
-        if plain in pending.names[-1:]:
-            last.add(name)
+            unnamed[name] = plain in pending.names[-1:]
     back = {name: data for name, data in before.files.items() if name.rstrip("/") in pending.removed}
     found: dict[int, tuple[str, State]] = {}
-    for way, content, lacks in WAYS:
-        lost = last if way == LAST_ABSENT else {name for name in unnamed if lacks(name)}
+    for way, content, lacks, returns in WAYS:
+        lost = {name for name, newest in unnamed.items() if lacks(name, newest)}
         below = tuple(name for name in lost if name.endswith("/"))
         files = {name: content(data, flushed[name]) if name in flushed else data
                  for name, data in now.files.items() if name not in lost and not name.startswith(below)}
-        state = State(now.partitions, files | back if way == REMOVED_BACK else files)
+        state = State(now.partitions, files | back if returns else files)
         found.setdefault(state.digest(), (way, state))
     return list(found.values())

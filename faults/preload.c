@@ -69,10 +69,14 @@ void* malloc(size_t size) {
     return own && Strikes("malloc") ? NULL : __libc_malloc(size);
 }
 
+static int Print(char** text, const char* format, va_list args) {
+    return Strikes("asprintf") ? -1 : vasprintf(text, format, args);
+}
+
 int asprintf(char** text, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int length = Strikes("asprintf") ? -1 : vasprintf(text, format, args);
+    const int length = Print(text, format, args);
     va_end(args);
     return length;
 }
@@ -82,7 +86,7 @@ int __asprintf_chk(char** text, int flag, const char* format, ...) {
     (void)flag;
     va_list args;
     va_start(args, format);
-    const int length = Strikes("asprintf") ? -1 : vasprintf(text, format, args);
+    const int length = Print(text, format, args);
     va_end(args);
     return length;
 }

@@ -1,35 +1,60 @@
 // The boot logs of rawdump as text files in this boot's folder: a raw copy of the region, its
-// printable strings through the shell, and away with the copy.
+// printable strings through the shell, and once those are on storage the copy is removed.
+#include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include "common/VortaUtils.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
 
+namespace {
+
+// The shell writes the text to memory only, while the raw copy is on storage already: a power cut
+// seconds later would leave an empty file. A text that cannot be opened, because the shell made
+// none, is nothing to flush. False, after a log line, if the flush failed.
+bool FlushText(const std::string& path, const char* operation) {
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return true;
+    }
+    const bool stored = fsync(fd) == 0;
+    if (!stored) {
+        const int error = errno;
+        VortaLogE("[%s] fsync errno = %d", operation, error);
+    }
+    (void)close(fd);
+    return stored;
+}
+
+}  // namespace
+
 void RainbowHandle::XblAblLogUpdate() {
     VortaLogD("------xbl_abl log file update beginning...");
     // The previous boot's log is not tried when this boot's could not be copied.
-    if (SaveBootLog(kXblAblName, kXblAblRegion) &&
-        SaveBootLog(kLastXblAblName, kLastXblAblRegion)) {
+    if (SaveBootLog(kXblAblName, kXblAblRegion, "XblAblLogUpdate") &&
+        SaveBootLog(kLastXblAblName, kLastXblAblRegion, "XblAblLogUpdate")) {
         VortaLogD("------xbl_abl log file update end...");
     }
 }
 
 void RainbowHandle::LastkmsgUpdate() {
     VortaLogD("------lastkmsg log file update beginning...");
-    (void)SaveBootLog(kLastKmsgName, kLastKmsgRegion);
+    (void)SaveBootLog(kLastKmsgName, kLastKmsgRegion, "LastkmsgUpdate");
 }
 
 void RainbowHandle::TzLogUpdate() {
     VortaLogD("------tz log file update beginning...");
-    if (SaveBootLog(kTzLogName, kTzLogRegion)) {
+    if (SaveBootLog(kTzLogName, kTzLogRegion, "TzLogUpdate")) {
         VortaLogD("------mini log log file update end...");
     }
 }
 
-// True when the region was copied, whatever came of its conversion to text. A copy that failed, and
-// one whose conversion could not be started, stays in the folder.
-bool RainbowHandle::SaveBootLog(const std::string& name, const Region& region) {
+// True when the region was copied, whatever came of its conversion to text. A copy that failed, one
+// whose conversion could not be started, and one whose text could not be flushed stays in the
+// folder.
+bool RainbowHandle::SaveBootLog(const std::string& name, const Region& region,
+                                const char* operation) {
     const std::string finalPath = kDumplogRoot + "/" + recordTime + "/" + name;
     std::string tmpPath;
     const int fd = DumpFileCreate(tmpPath, recordTime + "/" + name + kTmpSuffix, kDumpTypeMini);
@@ -41,7 +66,7 @@ bool RainbowHandle::SaveBootLog(const std::string& name, const Region& region) {
     if (copied < 0) {
         return false;
     }
-    if (!FileErrCodeDele(finalPath, tmpPath).empty()) {
+    if (!FileErrCodeDele(finalPath, tmpPath).empty() && FlushText(finalPath, operation)) {
         DirOrFileRemove(tmpPath);
     }
     return true;

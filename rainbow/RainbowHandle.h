@@ -133,7 +133,7 @@ class RainbowHandle : public VortaHandle {
 
   private:
     int WriteReasonHeader();
-    bool SaveBootLog(const std::string& name, const Region& region);
+    bool SaveBootLog(const std::string& name, const Region& region, const char* operation);
     void CollectAbnormalBoot();
     void CollectFullDump();
     void ClearHeaderOnceStored(int fd, uint8_t kind, const char* operation);

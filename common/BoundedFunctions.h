@@ -1,6 +1,7 @@
 // Bounded memory and string functions: names and argument order of C11 Annex K, with result codes
-// and effects on the destination of their own. All copying, clearing and formatting into fixed
-// buffers goes through them. Sizes and counts are in bytes.
+// and effects on the destination of their own. All copying and clearing of fixed buffers goes
+// through them, and all formatting into them but for two texts that the C library bounds as well: a
+// property's default (snprintf) and the time stamp (strftime). Sizes and counts are in bytes.
 #pragma once
 
 #include <stdarg.h>

@@ -15,7 +15,7 @@ class VortaParse {
     virtual void HandleFlow(std::string srvName) = 0;
 };
 
-// Makers of the services, defined beside them, so that nothing here knows a service's class. The
-// caller owns the object.
+// Each makes one service; the caller owns the object. They are defined with the services, so that
+// common/ depends on none of them.
 VortaParse* NewRainbowService();
 VortaParse* NewCorvelService();

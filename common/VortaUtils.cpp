@@ -9,6 +9,8 @@
 #include <string.h>
 #include <sys/system_properties.h>
 
+#include <memory>
+
 #include "common/BoundedFunctions.h"
 
 const std::string kUserTypeProperty = "ro.logsystem.usertype";
@@ -20,6 +22,9 @@ namespace {
 constexpr char kTag[] = "vorta";
 constexpr size_t kMessageSize = 1024;
 constexpr size_t kCmdlineChunk = 1024;
+
+constexpr int kFirstInternalUserType = 2;
+constexpr int kLastInternalUserType = 5;
 
 const std::string kRemoteDebugProperty = "persist.log.remotedebug";
 const std::string kCountryProperty = "msc.sys.country";
@@ -59,16 +64,15 @@ int property_get(const char* name, char* value, const char* defaultValue) {
 }
 
 std::string CmdlineGet() {
-    FILE* const pipe = popen(kCmdlineReader.c_str(), "r");
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(kCmdlineReader.c_str(), "r"), pclose);
     if (pipe == nullptr) {
         return "";
     }
     std::string line;
     char chunk[kCmdlineChunk] = {};
-    while (fgets(chunk, sizeof(chunk), pipe) != nullptr) {
+    while (fgets(chunk, sizeof(chunk), pipe.get()) != nullptr) {
         line += chunk;
     }
-    (void)pclose(pipe);
     return line;
 }
 
@@ -77,7 +81,8 @@ std::string KeyValueFromLine(const std::string& line, const std::string& key) {
     if (at == std::string::npos) {
         return "";
     }
-    // The separator is skipped unseen. A key that ends a line without newline has none.
+    // One character behind the key is skipped, whatever it is. A key that ends a line without
+    // newline has none.
     const size_t start = at + key.size() + 1;
     if (start > line.size()) {
         return "";
@@ -92,8 +97,8 @@ std::string KeyValueFromCmdline(const std::string& key) {
 
 bool IsCommcialVer() {
     const std::string value = PropertyOrLog(kUserTypeProperty, "vorta usertype prop get fail");
-    const uint32_t userType = static_cast<uint32_t>(atoi(value.c_str()));
-    if (userType - 2 > 3) {  // unsigned: 0 and 1 wrap and are commercial as well
+    const int userType = atoi(value.c_str());
+    if (userType < kFirstInternalUserType || userType > kLastInternalUserType) {
         VortaLogI("vorta is commercial");
         return true;
     }
@@ -118,6 +123,6 @@ std::string FileErrCodeDele(const std::string& dst, const std::string& src) {
     if (pipe == nullptr) {
         return "";
     }
-    (void)pclose(pipe);
+    (void)pclose(pipe);  // waits for the command's end
     return "ok";
 }

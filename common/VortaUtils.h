@@ -61,7 +61,7 @@ std::string KeyValueFromCmdline(const std::string& key);
 // The same on a given line, for a key that is not empty.
 std::string KeyValueFromLine(const std::string& line, const std::string& key);
 
-// True for a commercial (user) build: any user type but 2 to 5.
+// True for a commercial build: any user type but 2 to 5, which are internal builds.
 bool IsCommcialVer();
 
 // True unless the country property is exactly "cn".

@@ -7,8 +7,8 @@
 
 #include <string>
 
+#include "handle/PartitionRecords.h"
 #include "handle/VortaHandle.h"
-#include "rainbow/PartitionRecords.h"
 
 class CorvelHandle : public VortaHandle {
   public:
@@ -17,7 +17,7 @@ class CorvelHandle : public VortaHandle {
 
     void HandleFlow(std::string srvName) override;
 
-    // Takes the value over from the command line, if it is there and is a hexadecimal number.
+    // Reads the value from the kernel command line, if it is there and is a hexadecimal number.
     void GetCorvelFromCmdline();
 
     // True while the value lacks the corrected mark.

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "rainbow/PartitionRecords.h"
+#include "handle/PartitionRecords.h"
 
 namespace vortadev {
 

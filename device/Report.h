@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "rainbow/PartitionRecords.h"
+#include "handle/PartitionRecords.h"
 
 namespace vortadev {
 

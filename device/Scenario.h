@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "device/Files.h"
-#include "rainbow/PartitionRecords.h"
+#include "handle/PartitionRecords.h"
 
 namespace vortadev {
 

@@ -16,6 +16,7 @@ const std::string kBootfailPath = "/dev/block/by-name/bootfail_info";
 
 }  // namespace
 
+// Shared by all objects and closed by the destructor of any, hence no owners.
 int VortaHandle::dumpFd = -1;
 int VortaHandle::dataFd = -1;
 int VortaHandle::reasonFd = -1;
@@ -45,7 +46,8 @@ void VortaHandle::IsPartValid(const std::string& path, uint8_t mode) {
     }
     slot = open(path.c_str(), O_RDWR | O_SYNC);
     if (slot < 0) {
-        VortaLogE("[%s] open %s fail, errno = %d", "IsPartValid", path.c_str(), errno);
+        const int error = errno;
+        VortaLogE("[%s] open %s fail, errno = %d", "IsPartValid", path.c_str(), error);
     }
 }
 
@@ -70,14 +72,16 @@ int VortaHandle::PartCommonRW(int64_t offset, void* buffer, int size, int rw, ui
         return -1;
     }
     if (lseek(fd, offset, SEEK_SET) < 0) {
-        VortaLogE("[%s] lseek fail, errno = %d", "PartCommonRW", errno);
+        const int error = errno;
+        VortaLogE("[%s] lseek fail, errno = %d", "PartCommonRW", error);
         return -1;
     }
     const size_t bytes = static_cast<size_t>(size);
     const ssize_t done = rw == kRead ? read(fd, buffer, bytes) : write(fd, buffer, bytes);
     if (done < 0) {
+        const int error = errno;
         VortaLogE(rw == kRead ? "[%s] read fail, errno = %d" : "[%s] write fail, errno = %d",
-                  "PartCommonRW", errno);
+                  "PartCommonRW", error);
         return -1;
     }
     return 0;
@@ -92,7 +96,8 @@ int VortaHandle::ReadRetry(int fd, void* buffer, int64_t length) {
         const ssize_t n = TEMP_FAILURE_RETRY(
             read(fd, static_cast<uint8_t*>(buffer) + done, static_cast<size_t>(length - done)));
         if (n < 0) {
-            VortaLogE("[%s] dump read error: %d", "ReadRetry", errno);
+            const int error = errno;
+            VortaLogE("[%s] dump read error: %d", "ReadRetry", error);
             return -1;
         }
         if (n == 0) {
@@ -110,7 +115,8 @@ int VortaHandle::WriteRetry(int fd, const void* buffer, int64_t length) {
         const ssize_t n = TEMP_FAILURE_RETRY(write(fd, static_cast<const uint8_t*>(buffer) + done,
                                                    static_cast<size_t>(length - done)));
         if (n < 0) {
-            VortaLogE("[%s] dump write error: %d", "WriteRetry", errno);
+            const int error = errno;
+            VortaLogE("[%s] dump write error: %d", "WriteRetry", error);
             return -1;
         }
         done += n;
@@ -120,11 +126,13 @@ int VortaHandle::WriteRetry(int fd, const void* buffer, int64_t length) {
 
 int VortaHandle::PartOrEmmcSeek(int partFd, int64_t partOffset, int fileFd, int64_t fileOffset) {
     if (lseek(partFd, partOffset, SEEK_SET) < 0) {
-        VortaLogE("[%s] lseek part errno = %d", "PartOrEmmcSeek", errno);
+        const int error = errno;
+        VortaLogE("[%s] lseek part errno = %d", "PartOrEmmcSeek", error);
         return -1;
     }
     if (lseek(fileFd, fileOffset, SEEK_SET) < 0) {
-        VortaLogE("[%s] lseek emmc errno = %d", "PartOrEmmcSeek", errno);
+        const int error = errno;
+        VortaLogE("[%s] lseek emmc errno = %d", "PartOrEmmcSeek", error);
         return -1;
     }
     return 0;
@@ -138,6 +146,8 @@ int VortaHandle::PartToEmmc(int fd, int64_t offset, int64_t size, uint8_t mode) 
     }
     VortaLogI("[%s] offset = %ld, size = %ld", "PartToEmmc", static_cast<long>(offset),
               static_cast<long>(size));
+    // A mode above 1 opens userdata into the slot of bootfail_info, but the copy reads the slot of
+    // userdata: it fails unless that one is open already. No caller passes such a mode.
     IsPartValid(mode == kModeRawdump ? kRawdumpPath : kUserdataPath, mode);
     const int partFd = mode == kModeRawdump ? dumpFd : dataFd;
     if (partFd < 0 || PartOrEmmcSeek(partFd, offset, fd, 0) < 0) {
@@ -153,8 +163,8 @@ int VortaHandle::PartToEmmc(int fd, int64_t offset, int64_t size, uint8_t mode) 
     return 0;
 }
 
-// Whole chunks only; both descriptors are positioned again before each one, because ReadRetry may
-// have stopped anywhere.
+// The part of PartToEmmc for large sizes; it logs under that name. Whole chunks only; both
+// descriptors are positioned again before each one, because ReadRetry may have stopped anywhere.
 int VortaHandle::CopyChunks(int partFd, int fd, int64_t offset, int64_t size, uint8_t* buffer) {
     int n = ReadRetry(partFd, buffer, kCopyChunk);
     if (n < 0) {

@@ -7,11 +7,7 @@
 #include <string>
 
 #include "common/VortaParse.h"
-
-// Partition modes: which partition an operation works on. Every other value means bootfail_info.
-constexpr uint8_t kModeRawdump = 0;
-constexpr uint8_t kModeUserdata = 1;
-constexpr uint8_t kModeBootfail = 2;
+#include "handle/PartitionRecords.h"
 
 // Direction of a transfer.
 constexpr int kRead = 0;

@@ -15,7 +15,7 @@ namespace {
 
 enum ServiceType : uint32_t { kRainbow = 0, kCorvel = 1, kNone = 2 };
 
-constexpr size_t kHelpPrefix = 6;  // "--help", and whatever goes on after it
+constexpr size_t kHelpPrefix = 6;  // "--help"; what follows it does not count
 
 // A partition must never take the place of a standard descriptor that whoever started the daemon
 // had closed: what is echoed to standard error would be written into it.

@@ -1,5 +1,6 @@
 // The boot logs of rawdump as text files in this boot's folder: a raw copy of the region, its
 // printable strings through the shell, and once those are on storage the copy is removed.
+#include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
@@ -8,23 +9,21 @@
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
 
+using android::base::unique_fd;
+
 namespace {
 
 // The shell writes the text to memory only, while the raw copy is on storage already: a power cut
 // seconds later would leave an empty file. A text that cannot be opened, because the shell made
 // none, is nothing to flush. False, after a log line, if the flush failed.
 bool FlushText(const std::string& path, const char* operation) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) {
-        return true;
-    }
-    const bool stored = fsync(fd) == 0;
-    if (!stored) {
+    const unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (fd.ok() && fsync(fd.get()) != 0) {
         const int error = errno;
         VortaLogE("[%s] fsync errno = %d", operation, error);
+        return false;
     }
-    (void)close(fd);
-    return stored;
+    return true;
 }
 
 }  // namespace
@@ -57,12 +56,12 @@ bool RainbowHandle::SaveBootLog(const std::string& name, const Region& region,
                                 const char* operation) {
     const std::string finalPath = kDumplogRoot + "/" + recordTime + "/" + name;
     std::string tmpPath;
-    const int fd = DumpFileCreate(tmpPath, recordTime + "/" + name + kTmpSuffix, kDumpTypeMini);
-    if (fd < 0) {
+    unique_fd fd(DumpFileCreate(tmpPath, recordTime + "/" + name + kTmpSuffix, kModeRawdump));
+    if (!fd.ok()) {
         return false;
     }
-    const int copied = PartToEmmc(fd, region.offset, region.size, kModeRawdump);
-    (void)close(fd);
+    const int copied = PartToEmmc(fd.get(), region.offset, region.size, kModeRawdump);
+    fd.reset();  // closed before the shell reads it
     if (copied < 0) {
         return false;
     }

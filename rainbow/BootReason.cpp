@@ -48,7 +48,7 @@ void SetReason(BootInfo& info, uint32_t category, const std::string& reason) {
 
 // No fault keyword: the cause is what the "Reset Trigger" line says, unless the record before
 // shows that the boot loader took a dump.
-void SetReasonFromTrigger(std::string& log, std::string& block, BootInfo& info) {
+void SetReasonFromTrigger(std::string& log, const std::string& block, BootInfo& info) {
     const size_t trigger = block.rfind(kResetTrigger);
     if (trigger == std::string::npos) {
         SetReason(info, kCategoryUnknown, "unknown");
@@ -61,7 +61,8 @@ void SetReasonFromTrigger(std::string& log, std::string& block, BootInfo& info) 
         return;
     }
     SetReason(info, kCategoryNormal, block.substr(start, end - start));
-    if (GetLatestPmicBlock(log, block) && Contains(block, kBootloaderDumpMark)) {
+    std::string before;
+    if (GetLatestPmicBlock(log, before) && Contains(before, kBootloaderDumpMark)) {
         SetReason(info, kCategoryUnknown, "XBL_DUMP_EXCEPTION");
     }
 }
@@ -168,7 +169,8 @@ bool IsShipmodeXvdd() {
         return false;
     }
     if (unlink(kShipmodePath.c_str()) != 0) {
-        VortaLogE("unlink shipmode_shutdown failed, errno:%s.", strerror(errno));
+        const int error = errno;
+        VortaLogE("unlink shipmode_shutdown failed, errno:%s.", strerror(error));
     }
     return true;
 }

@@ -15,7 +15,7 @@ struct BootInfo {
     std::string reason;  // detail text; empty until a source named one
 };
 
-// Looks for an over-current shutdown on the kernel command line and takes it over into `info`.
+// Stores in `info` the over-current shutdown that the kernel command line tells of, if any.
 void GetOcpFromCmdline(BootInfo& info);
 
 // The same for the item's value: its last character is the trigger flag ('0': not triggered), its
@@ -25,8 +25,8 @@ void SetOcpFromValue(const std::string& value, BootInfo& info);
 // Sets fault and type name for a regulator class '0' to '3'; any other changes nothing.
 void SetOcpType(char type, BootInfo& info);
 
-// Takes the reason of the latest power-on record over into `info`, unless that holds a category
-// already or there is no complete record.
+// Stores in `info` the reason of the latest complete power-on record, if there is one and `info`
+// holds no category yet.
 void CheckPmicPonLogs(BootInfo& info);
 
 // Cuts the latest complete power-on record off `log` into `block`. `log` keeps the older records,

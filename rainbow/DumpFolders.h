@@ -1,4 +1,5 @@
-// Decisions about the dump folders, as pure functions of names and sizes.
+// Decisions about the dump folders, as pure functions of names and sizes. DumpFolders.cpp walks,
+// measures and prunes the folders.
 #pragma once
 
 #include <stdint.h>
@@ -6,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "rainbow/PartitionRecords.h"
+#include "handle/PartitionRecords.h"
 #include "rainbow/RainbowPaths.h"
 
-// The folder below which a dump type's collections lie. Every type but the minidump's means the
-// full dump folder.
-inline const std::string& DumpRoot(uint8_t dumpType) {
-    return dumpType == kDumpTypeMini ? kDumplogRoot : kFulldumplogRoot;
+// The folder below which the collections from the partition of `mode` lie. Every mode but
+// rawdump's means the full dump folder.
+inline const std::string& DumpRoot(uint8_t mode) {
+    return mode == kModeRawdump ? kDumplogRoot : kFulldumplogRoot;
 }
 
 // The limit of the dumplog folder, in bytes.

@@ -1,20 +1,20 @@
-// The dump header that says whether a dump is waiting, and the files that collected data goes to.
+// The dump header: does it say that a dump is waiting, and when may it be cleared.
+#include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <unistd.h>
 
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
 #include "rainbow/DumpFolders.h"
 #include "rainbow/RainbowHandle.h"
-#include "rainbow/RainbowPaths.h"
+
+using android::base::unique_fd;
 
 namespace {
 
-static_assert(kDumpTypeMini == kModeRawdump && kDumpTypeFull == kModeUserdata,
-              "a dump type is the mode of its partition");
-
-int64_t HeaderOffset(uint8_t dumpType, int64_t fulldumpOffset) {
-    return dumpType == kDumpTypeMini ? kMinidumpRegion.offset : fulldumpOffset;
+int64_t HeaderOffset(uint8_t mode, int64_t fulldumpOffset) {
+    return mode == kModeRawdump ? kMinidumpRegion.offset : fulldumpOffset;
 }
 
 // The text of a debug message, which is never output.
@@ -24,15 +24,21 @@ void ShowHeader(const DumpHeader& header) {
               header.word32b, header.word64b, header.word64c, header.word32c);
 }
 
+// Puts the names in a folder on storage. 0, or the error number of what failed.
+int FlushFolder(const std::string& folder) {
+    const unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    return fd.ok() && fsync(fd.get()) == 0 ? 0 : errno;
+}
+
 }  // namespace
 
-bool RainbowHandle::IsDumpPartValid(uint8_t dumpType) {
-    const int64_t offset = HeaderOffset(dumpType, fulldumpOffset);
-    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), kRead, dumpType) < 0) {
+bool RainbowHandle::IsDumpPartValid(uint8_t mode) {
+    const int64_t offset = HeaderOffset(mode, fulldumpOffset);
+    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), kRead, mode) < 0) {
         VortaLogE("[%s] PartCommonRW return fail", "IsDumpPartValid");
         return false;
     }
-    if (dumpType == kDumpTypeFull) {
+    if (mode == kModeUserdata) {
         ShowHeader(*dumpHeader);
     }
     if ((dumpHeader->flag & kDumpPresent) != 0) {
@@ -43,28 +49,30 @@ bool RainbowHandle::IsDumpPartValid(uint8_t dumpType) {
     return false;
 }
 
-void RainbowHandle::UpdatePartDumpHeader(uint8_t dumpType) {
+void RainbowHandle::UpdatePartDumpHeader(uint8_t mode) {
     // The whole record goes, not only the flag: that marks the dump as collected.
     if (memset_s(dumpHeader, sizeof(DumpHeader), 0, sizeof(DumpHeader)) != 0) {
         VortaLogE("[%s] dumpHeader memset_s fail", "UpdatePartDumpHeader");
     }
-    const int64_t offset = HeaderOffset(dumpType, fulldumpOffset);
-    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), kWrite, dumpType) < 0) {
+    const int64_t offset = HeaderOffset(mode, fulldumpOffset);
+    if (PartCommonRW(offset, dumpHeader, sizeof(DumpHeader), kWrite, mode) < 0) {
         VortaLogE("[%s] update dump header part fail", "UpdatePartDumpHeader");
     } else {
         VortaLogD("[%s] update dump header part succ", "UpdatePartDumpHeader");
     }
 }
 
-int RainbowHandle::DumpFileCreate(std::string& path, const std::string& name, uint8_t dumpType) {
-    path = DumpRoot(dumpType) + "/" + name;
-    // No truncation: what a crashed run left in a file of this name is overwritten in place.
-    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_SYNC, kCreationMode);
-    if (fd < 0) {
-        VortaLogE("[%s] open file %s errno = %d", "DumpFileCreate", path.c_str(), errno);
-        return fd;
+// The dump in the partition is the only copy until the file `fd` is on storage. fsync of the file
+// covers its data and its name; the name of the folder that this run made for it needs fsync of the
+// root folder. On f2fs mounted with fsync_mode=nobarrier only the second one also empties the
+// storage device's own cache. If either fails, the header stays, and the dump is saved again by the
+// next run that looks at it: the next boot, or for a minidump without remote debugging the next
+// abnormal one.
+void RainbowHandle::ClearHeaderOnceStored(int fd, uint8_t mode, const char* operation) {
+    const int error = fsync(fd) != 0 ? errno : FlushFolder(DumpRoot(mode));
+    if (error != 0) {
+        VortaLogE("[%s] fsync errno = %d", operation, error);
+        return;
     }
-    DirOrFileSetPerm(fd, kFileMode, kOwner, kGroup);
-    VortaLogD("[%s] %s create succ", "DumpFileCreate", path.c_str());
-    return fd;
+    UpdatePartDumpHeader(mode);
 }

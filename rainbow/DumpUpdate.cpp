@@ -1,11 +1,8 @@
 // Turns what the previous run left in the raw partitions into files: which dumps are saved after
 // which kind of boot, and in which order.
-#include <errno.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include "common/VortaUtils.h"
-#include "rainbow/DumpFolders.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
 
@@ -13,22 +10,11 @@ uint8_t abnormalBootFlag = 0;
 
 namespace {
 
-// The descriptor 0 is left open: the test is for 1 or more.
+// Closed by hand, as no owner leaves descriptor 0 open. main() has taken that one.
 void CloseFile(int fd) {
     if (fd >= 1) {
         (void)close(fd);
     }
-}
-
-// Puts the names in a folder on storage: 0, or -1 with errno.
-int FlushFolder(const std::string& folder) {
-    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) {
-        return -1;
-    }
-    const int result = fsync(fd);
-    (void)close(fd);
-    return result;
 }
 
 }  // namespace
@@ -43,11 +29,11 @@ bool RainbowHandle::IsNormalBoot() {
     return true;
 }
 
-void RainbowHandle::DumpFileUpdate(uint8_t kind) {
+void RainbowHandle::DumpFileUpdate(uint8_t mode) {
     VortaLogD("------dump log file update beginning...");
-    if (kind == kDumpTypeMini) {
+    if (mode == kModeRawdump) {
         CollectAbnormalBoot();
-    } else if (kind == kDumpTypeFull && !isCommercial) {
+    } else if (mode == kModeUserdata && !isCommercial) {
         CollectFullDump();
     } else {
         VortaLogE("[%s] updateType or dumppart is invalid", "DumpFileUpdate");
@@ -60,7 +46,7 @@ void RainbowHandle::CollectAbnormalBoot() {
         return;
     }
     DumpSizeCheck();  // make room first
-    if (DumpDirOpen(kDumpTypeMini) < 0) {
+    if (DumpDirOpen(kModeRawdump) < 0) {
         return;
     }
     XblAblLogUpdate();
@@ -71,12 +57,12 @@ void RainbowHandle::CollectAbnormalBoot() {
     TzLogUpdate();
 
     // A commercial build keeps a minidump only with the remote permission.
-    if ((isRemoteValid || !isCommercial) && IsDumpPartValid(kDumpTypeMini)) {
-        SaveMiniDump(kDumpTypeMini);
+    if ((isRemoteValid || !isCommercial) && IsDumpPartValid(kModeRawdump)) {
+        SaveMiniDump(kModeRawdump);
     }
     // Last: the run came this far. It does not say that each copy succeeded.
     std::string markerPath;
-    CloseFile(DumpFileCreate(markerPath, recordTime + "/" + kDoneName, kDumpTypeMini));
+    CloseFile(DumpFileCreate(markerPath, recordTime + "/" + kDoneName, kModeRawdump));
 }
 
 void RainbowHandle::CollectFullDump() {
@@ -84,7 +70,7 @@ void RainbowHandle::CollectFullDump() {
         VortaLogE("[%s] get fulldump offset failed", "DumpFileUpdate");
         return;
     }
-    if (!IsDumpPartValid(kDumpTypeFull)) {
+    if (!IsDumpPartValid(kModeUserdata)) {
         VortaLogE("[%s] fulldump part is invalid", "DumpFileUpdate");
         return;
     }
@@ -100,51 +86,18 @@ void RainbowHandle::CollectFullDump() {
         VortaLogE("[%s] Data Part Is Not Enough", "DumpFileUpdate");
         return;
     }
-    const int fd = DumpFileCreate(fulldumpPath, recordTime + "-" + kFulldumpName, kDumpTypeFull);
+    const int fd = DumpFileCreate(fulldumpPath, recordTime + "-" + kFulldumpName, kModeUserdata);
     if (fd < 0) {
         VortaLogE("[%s] DumpFileCreate return fail", "DumpFileUpdate");
         return;
     }
-    if (PartToEmmc(fd, fulldumpOffset, fulldumpSize, kDumpTypeFull) < 0) {
+    if (PartToEmmc(fd, fulldumpOffset, fulldumpSize, kModeUserdata) < 0) {
         VortaLogE("[%s] PartToEmmc return fail", "DumpFileUpdate");
     } else {
-        ClearHeaderOnceStored(fd, kDumpTypeFull, "DumpFileUpdate");
+        ClearHeaderOnceStored(fd, kModeUserdata, "DumpFileUpdate");
         // Unlike the other marker, this one lies directly in the root folder, and its path replaces
         // the dump's.
-        CloseFile(DumpFileCreate(fulldumpPath, kDoneName, kDumpTypeFull));
+        CloseFile(DumpFileCreate(fulldumpPath, kDoneName, kModeUserdata));
     }
     CloseFile(fd);
-}
-
-void RainbowHandle::SaveMiniDump(uint8_t kind) {
-    const int tmpFd = DumpFileCreate(tmpDumpPath, recordTime + "/" + kTmpDumpName, kind);
-    if (tmpFd < 0) {
-        return;
-    }
-    if (PartToEmmc(tmpFd, kMinidumpRegion.offset, kMinidumpRegion.size, kind) < 0) {
-        (void)close(tmpFd);
-        return;
-    }
-    const int rawFd = DumpFileCreate(rawdumpPath, recordTime + "/" + kRawdumpName, kind);
-    if (rawFd < 0) {
-        (void)close(tmpFd);
-        return;
-    }
-    if (DumpFileCompress() >= 0) {
-        ClearHeaderOnceStored(rawFd, kind, "SaveMiniDump");
-    }
-    (void)close(tmpFd);
-    (void)close(rawFd);
-}
-
-// The dump in the partition is the only copy until the file that replaces it is on storage. Without
-// that the header stays, for the next run that looks at it: the next boot, or for a minidump
-// without remote debugging the next abnormal one. The file's flush covers its content and its name;
-// the name of the folder that this run made for it stands in the root folder and is flushed there.
-void RainbowHandle::ClearHeaderOnceStored(int fd, uint8_t kind, const char* operation) {
-    if (fsync(fd) != 0 || FlushFolder(DumpRoot(kind)) != 0) {
-        VortaLogE("[%s] fsync errno = %d", operation, errno);
-        return;
-    }
-    UpdatePartDumpHeader(kind);
 }

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "rainbow/PartitionRecords.h"
+#include "handle/PartitionRecords.h"
 
 // The text that starts at `field`, a text field of `header`, up to its NUL. A field without NUL
 // runs on into the bytes behind it, at most to the end of the record.

@@ -1,10 +1,9 @@
-// The history of reboots, one line a run, and the time stamp that names the run.
+// The history of reboots: one line a run.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include "common/BoundedFunctions.h"
@@ -14,11 +13,6 @@
 #include "rainbow/RainbowPaths.h"
 
 namespace {
-
-constexpr long kTickNanoseconds = 10;
-constexpr char kTickFormat[] = "-%08lld";
-constexpr char kStampFormat[] = "%Y%m%d%H%M%S";
-constexpr size_t kStampSize = 15;  // 14 digits and the NUL
 
 // The line of one boot; empty if there was no memory for it.
 std::string HistoryLine(const std::string& reason, const std::string& time,
@@ -34,53 +28,18 @@ std::string HistoryLine(const std::string& reason, const std::string& time,
 
 }  // namespace
 
-std::string RainbowHandle::GetTimeTick() {
-    timespec now;
-    if (memset_s(&now, sizeof(now), 0, sizeof(now)) != 0) {
-        VortaLogE("[%s] ts memset_s fail", "GetTimeTick");
-    }
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    char* text = nullptr;
-    if (asprintf(&text, kTickFormat, static_cast<long long>(now.tv_nsec / kTickNanoseconds)) < 0) {
-        VortaLogE("[%s] asprintf fail", "GetTimeTick");
-        return "";
-    }
-    std::string tick = text;
-    free(text);
-    return tick;
-}
-
-std::string RainbowHandle::GetTimeStamp() {
-    time_t now;
-    if (memset_s(&now, sizeof(now), 0, sizeof(now)) != 0) {
-        VortaLogE("[%s] rawtime memset_s fail", "GetTimeStamp");
-    }
-    (void)time(&now);
-    char stamp[kStampSize] = {};
-    const tm* const local = localtime(&now);
-    if (local != nullptr) {
-        (void)strftime(stamp, sizeof(stamp), kStampFormat, local);
-    }
-    return stamp;
-}
-
-std::string RainbowHandle::GetRecordTime() {
-    std::string stamp = GetTimeStamp() + GetTimeTick();
-    VortaLogI("[%s] get time [%s]", "GetRecordTime", stamp.c_str());
-    return stamp;
-}
-
 int RainbowHandle::HistoryFileOpen() {
     historyFilePath = kDumplogRoot + "/" + kHistoryName;
-    historyFd =
-        open(historyFilePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kCreationMode);
-    if (historyFd < 0) {
+    historyFd.reset(
+        open(historyFilePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kCreationMode));
+    if (!historyFd.ok()) {
+        const int error = errno;
         VortaLogE("[%s] open file %s errno = %d", "HistoryFileOpen", historyFilePath.c_str(),
-                  errno);
+                  error);
         return -1;
     }
     // The mode above counts only at creation; an existing file is put right as well.
-    DirOrFileSetPerm(historyFd, kFileMode, kOwner, kGroup);
+    DirOrFileSetPerm(historyFd.get(), kFileMode, kOwner, kGroup);
     return 0;
 }
 
@@ -92,15 +51,18 @@ int RainbowHandle::HistoryFileCheck() {
     if (memset_s(&status, sizeof(status), 0, sizeof(status)) != 0) {
         VortaLogE("[%s] logStat memset_s fail", "HistoryFileCheck");
     }
-    if (fstat(historyFd, &status) < 0) {
+    if (fstat(historyFd.get(), &status) < 0) {
+        const int error = errno;
         VortaLogE("[%s] stat %s fail errno = %d", "HistoryFileCheck", historyFilePath.c_str(),
-                  errno);
+                  error);
         return -1;
     }
     if (status.st_size > kHistoryLimit) {
         VortaLogI("[%s] history.log too big, need renew", "HistoryFileCheck");
         DirOrFileRemove(historyFilePath);
-        // The old descriptor stays open until the process ends and keeps the removed file alive.
+        // The removed file's descriptor has no owner from here on: it stays open until the process
+        // ends.
+        (void)historyFd.release();
         return HistoryFileOpen();
     }
     VortaLogD("[%s] history.log less than the size limit", "HistoryFileCheck");
@@ -112,18 +74,20 @@ int RainbowHandle::HistoryFileRecord(const std::string& line) {
         VortaLogE("invalid input parameter");
         return -1;
     }
-    if (historyFd < 0) {
+    if (!historyFd.ok()) {
         VortaLogE("[%s] historyFd is not valid", "HistoryFileRecord");
         return -1;
     }
-    if (lseek(historyFd, 0, SEEK_END) < 0) {
+    if (lseek(historyFd.get(), 0, SEEK_END) < 0) {
+        const int error = errno;
         VortaLogE("[%s] lseek %s fail, errno = %d", "HistoryFileRecord", historyFilePath.c_str(),
-                  errno);
+                  error);
         return -1;
     }
-    if (write(historyFd, line.c_str(), line.size()) < 0) {
+    if (write(historyFd.get(), line.c_str(), line.size()) < 0) {
+        const int error = errno;
         VortaLogE("[%s] write %s fail, errno = %d", "HistoryFileRecord", historyFilePath.c_str(),
-                  errno);
+                  error);
         return -1;
     }
     VortaLogD("[%s] history.log record succ", "HistoryFileRecord");
@@ -153,8 +117,8 @@ void RainbowHandle::HistoryFileUpdate() {
         return;
     }
     if (HistoryFileRecord(line) < 0) {
-        if (fromPart) {  // HistoryFileRecord has said why; nothing more is to be said
-            return;
+        if (fromPart) {
+            return;  // already logged
         }
         VortaLogE("[%s] history file record fail", "HistoryFileUpdate");
     }

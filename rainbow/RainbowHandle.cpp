@@ -2,7 +2,6 @@
 #include "rainbow/RainbowHandle.h"
 
 #include <stdlib.h>
-#include <unistd.h>
 
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
@@ -27,10 +26,6 @@ RainbowHandle::~RainbowHandle() {
     rbHeader = nullptr;
     free(dumpHeader);
     dumpHeader = nullptr;
-    if (historyFd >= 0) {
-        (void)close(historyFd);
-        historyFd = -1;
-    }
     VortaLogD("RainbowHandle end");
 }
 
@@ -72,7 +67,7 @@ void RainbowHandle::HandleFlow(std::string srvName) {
 
     // Evidence before bookkeeping. Once the dump folder is made the reason node is cleared in here,
     // so that an abnormal boot's history line below comes from the kernel command line.
-    DumpFileUpdate(kDumpTypeMini);
+    DumpFileUpdate(kModeRawdump);
 
     if (IsFactoryVer() && abnormalBootFlag == 1) {
         UpdateRtDeviceInfo();
@@ -88,7 +83,7 @@ void RainbowHandle::HandleFlow(std::string srvName) {
     fulldump_header meta = {};
     if (InitFullDumpMetaInfo(meta) && IsFulldumpReserved(meta)) {
         fulldumpMeta = meta;
-        DumpFileUpdate(kDumpTypeFull);
+        DumpFileUpdate(kModeUserdata);
     }
     if (isCommercial) {  // a customer's phone keeps no full dump, also none from before
         FullDumpSizeCheck();
@@ -97,9 +92,9 @@ void RainbowHandle::HandleFlow(std::string srvName) {
 
     // A minidump that is still waiting, because the boot was a normal one. After an abnormal boot
     // the folder exists, DumpDirOpen says so, and nothing is done twice.
-    if (isRemoteValid && IsDumpPartValid(kDumpTypeMini) && DumpDirOpen(kDumpTypeMini) >= 0) {
+    if (isRemoteValid && IsDumpPartValid(kModeRawdump) && DumpDirOpen(kModeRawdump) >= 0) {
         DumpSizeCheck();
-        SaveMiniDump(kDumpTypeMini);
+        SaveMiniDump(kModeRawdump);
     }
     VortaLogD("rainbow handle end");
 }

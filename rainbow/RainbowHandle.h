@@ -2,13 +2,13 @@
 // previous kernel left in raw partitions. One class; each duty has its own source file.
 #pragma once
 
+#include <android-base/unique_fd.h>
 #include <stdint.h>
 
 #include <string>
 #include <vector>
 
 #include "handle/VortaHandle.h"
-#include "rainbow/PartitionRecords.h"
 
 // Set to 1 by IsNormalBoot when the reason header marks an abnormal boot.
 extern uint8_t abnormalBootFlag;
@@ -38,15 +38,18 @@ class RainbowHandle : public VortaHandle {
     // field leaves it empty.
     void RainbowReasonSet(uint32_t category, std::string& reason);
 
-    // --- History log and time stamps (HistoryLog.cpp) ---
+    // --- Record time (RecordTime.cpp) ---
 
     // "-" and 8 digits: tens of nanoseconds in the current second of the monotonic clock. Empty if
     // it could not be formatted.
     std::string GetTimeTick();
     // Local date and time, 14 digits.
     std::string GetTimeStamp();
-    // Time stamp and tick: names this boot's dump folder.
+    // Time stamp and tick: names this boot's dump folder and its history line.
     std::string GetRecordTime();
+
+    // --- History log (HistoryLog.cpp) ---
+
     // These give 0, or -1 after logging why.
     int HistoryFileOpen();
     int HistoryFileCheck();
@@ -63,14 +66,20 @@ class RainbowHandle : public VortaHandle {
 
     // --- Dump header (DumpHeader.cpp) ---
 
-    // Reads the dump header of `dumpType`; true if it says that a dump is waiting.
-    bool IsDumpPartValid(uint8_t dumpType);
-    // Zeroes the dump header: the dump counts as collected.
-    void UpdatePartDumpHeader(uint8_t dumpType);
-    // Opens or makes the file `name` below the type's root folder, with the service's mode and
-    // owner. `path` receives the full path, also on failure. The caller closes the descriptor; a
-    // negative one is a failure that was logged.
-    int DumpFileCreate(std::string& path, const std::string& name, uint8_t dumpType);
+    // Reads the header of the dump in the partition of `mode`; true if it says that a dump waits.
+    bool IsDumpPartValid(uint8_t mode);
+    // Zeroes that header: the dump counts as collected.
+    void UpdatePartDumpHeader(uint8_t mode);
+
+    // --- Dump files (DumpFiles.cpp) ---
+
+    // Opens or makes the file `name` below the root folder of `mode`, with the service's
+    // permissions and owner. `path` receives the full path, also on failure. The caller owns the
+    // descriptor; a negative one is a failure that was logged.
+    int DumpFileCreate(std::string& path, const std::string& name, uint8_t mode);
+    // Sets permissions and owner of an open file; failures are logged. A negative descriptor is
+    // passed over.
+    void DirOrFileSetPerm(int fd, int permissions, int user, int group);
 
     // --- Boot logs (BootLogs.cpp): each makes a text file in this boot's folder ---
 
@@ -78,32 +87,36 @@ class RainbowHandle : public VortaHandle {
     void LastkmsgUpdate();
     void TzLogUpdate();
 
-    // --- Dump folders (DumpDirectory.cpp) ---
+    // --- Minidump (MiniDump.cpp) ---
+
+    // Saves and packs the minidump region and clears its header, which stays on any failure.
+    void SaveMiniDump(uint8_t mode);
+    // Packs tmpDumpPath into rawdumpPath (gzip) and removes the former. 0, or -1 with both left.
+    int DumpFileCompress();
+
+    // --- Dump folders (DumpFolders.cpp) ---
 
     // Makes this boot's folder. 0, or -1 if it could not be made (or exists).
-    int DumpDirOpen(uint8_t dumpType);
-    // The entry of the type's root folder that sorts first, or empty. Adds their number to `count`.
-    std::string DumpFindOldDir(uint8_t dumpType, uint32_t& count);
+    int DumpDirOpen(uint8_t mode);
+    // The entry of the root folder of `mode` that sorts first, or empty. Adds the number of entries
+    // to `count`.
+    std::string DumpFindOldDir(uint8_t mode, uint32_t& count);
     // Bytes in all files below `folder`, wrapping at 32 bits.
     int32_t GetFolderSize(const std::string& folder);
     // Appends the full paths of all entries below `folder` that are no folders.
     void GetDirFiles(const std::string& folder, std::vector<std::string>& files);
     // Removes the oldest entry of dumplog if the folder is over its limit.
     void DumpSizeCheck();
+    // Empties the full dump folder.
+    void FullDumpSizeCheck();
     // Removes a file, or a folder with its content. Links are followed.
     void DirOrFileRemove(const std::string& path);
-    // Sets mode and owner of an open file; failures are logged. A negative descriptor is passed
-    // over.
-    void DirOrFileSetPerm(int fd, int mode, int user, int group);
-    // Packs tmpDumpPath into rawdumpPath (gzip) and removes the former. 0, or -1 with both left.
-    int DumpFileCompress();
 
     // --- Dump update (DumpUpdate.cpp) ---
 
-    // Collects the logs and the minidump of an abnormal boot (kind 0) or the full dump (kind 1).
-    void DumpFileUpdate(uint8_t kind);
-    // Saves and packs the minidump region and clears its header, which stays on any failure.
-    void SaveMiniDump(uint8_t kind);
+    // kModeRawdump: collects the logs and the minidump of an abnormal boot; kModeUserdata: the full
+    // dump. Any other is refused.
+    void DumpFileUpdate(uint8_t mode);
     // Whether the boot level is below the abnormal ones; sets abnormalBootFlag if not.
     bool IsNormalBoot();
 
@@ -119,15 +132,16 @@ class RainbowHandle : public VortaHandle {
     // Reads the record, or rebuilds it from rawdump. False if neither was possible.
     bool InitFullDumpMetaInfo(fulldump_header& meta);
 
-    // --- Full dump checks and board identifier (FulldumpChecks.cpp) ---
+    // --- Full dump checks (FulldumpChecks.cpp) ---
 
     // Takes fulldumpOffset from the meta record; 0 is not valid.
     bool IsFulldumpOffsetValid();
     // Whether /data has room for the dump twice over.
     bool IsDataPartEnough();
-    // Empties the full dump folder.
-    void FullDumpSizeCheck();
-    // Keeps the user type and the board identifier in the reason header current for the boot chain.
+
+    // --- What the boot chain reads at the next boot (BootChainFields.cpp) ---
+
+    // Keep the user type and the board identifier in the reason header current.
     void SetIsNeedReserveFlag();
     void SetBoardID();
 
@@ -136,13 +150,13 @@ class RainbowHandle : public VortaHandle {
     bool SaveBootLog(const std::string& name, const Region& region, const char* operation);
     void CollectAbnormalBoot();
     void CollectFullDump();
-    void ClearHeaderOnceStored(int fd, uint8_t kind, const char* operation);
+    void ClearHeaderOnceStored(int fd, uint8_t mode, const char* operation);
     bool IsMetaInfoValid(const fulldump_header& meta);
     bool ReadFulldumpMetaInfoFromRawdump(fulldump_header& meta);
 
     bool isCommercial = false;
     bool isRemoteValid = false;
-    int historyFd = -1;
+    android::base::unique_fd historyFd;
     std::string historyFilePath;
     std::string recordTime;
     std::string tmpDumpPath;

@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "rainbow/PartitionRecords.h"
+#include "handle/PartitionRecords.h"
 #include "rainbow/RainbowHandle.h"
 
 namespace {

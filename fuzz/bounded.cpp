@@ -103,7 +103,7 @@ void CheckFormatting(const Call& call) {
     const bool fails = call.flags / 16 == 15;  // a character that cannot be converted
     const char* const format = call.NoSource() ? nullptr : fails ? "%s%lc" : "%s";
     const int result =
-        Format(call.Dest(got), call.destMax, call.count, format, text.c_str(), wint_t{0x110000});
+        Format(call.Dest(got), call.destMax, call.count, format, text.c_str(), wint_t{0x200000});
     std::string expected = call.arena;
     if (!call.NoDest() && !call.IsRefused()) {
         const bool formats = format != nullptr && !fails && call.count < kLargest;

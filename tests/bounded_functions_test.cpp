@@ -148,7 +148,7 @@ TEST(VsnprintfS, CodesAndEffects) {
         EXPECT_TRUE(d.guardsHold());
     }
     Destination d;
-    EXPECT_EQ(Format(d.dest, 8, 7, "%lc", wint_t{0x110000}), -1);  // no such character
+    EXPECT_EQ(Format(d.dest, 8, 7, "%lc", wint_t{0x200000}), -1);  // no such character
     EXPECT_EQ(d.dest[0], '\0');
     EXPECT_EQ(Format(nullptr, 8, 7, "x"), -1);
     EXPECT_EQ(Format(d.dest, 8, 7, nullptr), -1);

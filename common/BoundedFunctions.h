@@ -1,13 +1,13 @@
-// Bounded memory and string functions: names and argument order of C11 Annex K, with result codes
-// and effects on the destination of their own. All copying and clearing of fixed buffers goes
-// through them, and all formatting into them but for two texts that the C library bounds as well: a
-// property's default (snprintf) and the time stamp (strftime). Sizes and counts are in bytes.
+// Bounded memory and string functions. Names and argument order follow C11 Annex K; result codes
+// and effects on the destination differ. Every copy, clear and format into a fixed buffer goes
+// through them, except two texts that the C library bounds itself: a property's default (snprintf)
+// and the time stamp (strftime). Sizes and counts are in bytes.
 #pragma once
 
 #include <stdarg.h>
 #include <stddef.h>
 
-// Result codes. The three from 150 on are a plain code plus 128: the destination was reset.
+// Result codes. The three from 150 on have 128 added: the destination was reset.
 constexpr int kBoundedOk = 0;
 constexpr int kBoundedInvalid = 22;        // null destination; destination not touched
 constexpr int kBoundedRange = 34;          // destination size out of range; not touched

@@ -23,13 +23,13 @@ struct Directive {
     bool TakesPointer() const { return conversion != '\0' && !suppressed; }
     bool IsText() const { return conversion != '\0' && strchr("sc[", conversion) != nullptr; }
     bool TakesSize() const { return TakesPointer() && IsText(); }
-    // Wide text has no size in bytes that means the same on every platform.
+    // Wide text is refused: the size of wchar_t differs between platforms.
     bool IsKnown() const {
         return IsText() ? kind[0] == conversion : strchr("diouxXaAeEfFgGpn", conversion) != nullptr;
     }
 };
 
-// The end of a "[...]" body whose bracket is at `at`: the position after its closing bracket.
+// The position after the "]" that closes the set opened at `at`, or the end of the text.
 const char* SkipSet(const char* at) {
     ++at;
     if (*at == '^') {
@@ -101,8 +101,8 @@ class Scan {
     int Fields() const { return assigned; }
 
   private:
-    // Scans `piece` from the current position; on success moves behind what it took. The part
-    // already taken is skipped by a leading conversion, so that %n counts from the buffer's start.
+    // Scans `piece` from the current position and moves past what it took. What was taken before is
+    // skipped by a leading conversion, so that %n counts from the start of the buffer.
     int Step(const std::string& piece, void* target, bool noTarget) {
         std::string format = used == 0 ? "" : "%*" + std::to_string(used) + "c";
         format += piece + "%n";
@@ -128,9 +128,9 @@ class Scan {
         const bool isText = directive.conversion != 'c';
         const size_t wanted = directive.width != 0 ? directive.width : (isText ? SIZE_MAX : 1);
         const size_t room = isText && size > 0 ? size - 1 : size;
-        // With one byte only the terminator fits; the field, which is never empty, does not.
+        // One byte holds only the terminator, and a matched field is never empty.
         if (target == nullptr || room == 0 || size > kBoundedMax || (!isText && wanted > room)) {
-            // Input that is used up already counts as such first.
+            // The end of the input takes precedence over a field that does not fit.
             (void)Count(Step(directive.prefix + "%*1" + directive.kind, nullptr, true), false);
             return Reject(target, size);
         }

@@ -16,7 +16,7 @@ class VortaParseFactory {
     virtual ~VortaParseFactory() = default;
 
     // The service object. There is one product slot: once it is taken, both return what it holds,
-    // whatever its kind. The factory keeps ownership.
+    // whichever service that is. The factory keeps ownership.
     virtual VortaParse* CreateRainbow();
     virtual VortaParse* CreateCorvel();
 

@@ -1,9 +1,8 @@
-// Logging, kernel command line, properties and release type checks.
+// Logging, kernel command line, properties, release type checks and text extraction.
 #include "common/VortaUtils.h"
 
 #include <android/log.h>
 #include <stdarg.h>
-#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -81,8 +80,8 @@ std::string KeyValueFromLine(const std::string& line, const std::string& key) {
     if (at == std::string::npos) {
         return "";
     }
-    // One character behind the key is skipped, whatever it is. A key that ends a line without
-    // newline has none.
+    // The separator is skipped, whichever character it is. A key that ends the text has none, and
+    // no value.
     const size_t start = at + key.size() + 1;
     if (start > line.size()) {
         return "";

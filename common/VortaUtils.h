@@ -1,5 +1,5 @@
-// Services that both handlers share: logging, the kernel command line, properties and the release
-// type checks.
+// What both services share: logging, the kernel command line, properties, the release type checks,
+// and text extraction through the shell.
 #pragma once
 
 #include <string>
@@ -21,7 +21,7 @@ void WriteLog(int priority, const char* failText, const char* format, ...);
 template <typename... Args>
 constexpr bool kPrintable = ((std::is_arithmetic_v<Args> || std::is_pointer_v<Args>)&&...);
 
-// Priorities and failure texts of the two levels that are written.
+// Android log priorities of the two levels that are written.
 constexpr int kLogInfo = 4;
 constexpr int kLogError = 6;
 

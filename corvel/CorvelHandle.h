@@ -35,7 +35,8 @@ class CorvelHandle : public VortaHandle {
 
   private:
     static uint64_t corvelValue;
-    static uint8_t valueSet;  // 1 once an item was found or a record was to be written
+    static uint8_t
+        valueSet;  // 1 once an item was found or a record was to be written; read by nothing
 
     ReasonHeader* rbHeader = nullptr;  // from malloc, owned
 };

@@ -1,6 +1,6 @@
 // The records that the boot chain and the daemon exchange through raw partitions: one packed struct
 // each, all integers little-endian, with the layout drawn above it. Offsets and sizes of the
-// regions of each partition stand here as well; nothing else in the project spells them out.
+// regions of each partition stand here as well, and nowhere else in the daemon.
 #pragma once
 
 #include <stddef.h>
@@ -47,7 +47,7 @@ constexpr uint32_t kAbnormalBootLevel = 2;  // this level and above: there are l
 //    16  resetType             32  reserved         200  reserved   (128 bytes), to 328
 //    20  bootLevel
 //
-// A text ends in a NUL, unless its writer forgot it.
+// Texts should end in a NUL; reading does not rely on it.
 struct __attribute__((packed)) ReasonNode {
     uint8_t reserved0[4];
     uint32_t innerResetReason;  // kResetNormal or kResetAbnormal; anything else: no reason here
@@ -68,7 +68,7 @@ struct __attribute__((packed)) ReasonHeader {
     uint8_t reserved0[64];
     uint64_t fulldumpOffset;        // bytes from the start of userdata
     uint32_t fulldumpReservedFlag;  // kFulldumpReserved when a dump is waiting
-    char userType[8];               // zero-padded, without NUL when 8 characters or more were set
+    char userType[8];               // zero-padded; a value of 8 or more has no NUL
     uint8_t reserved1[44];
     uint32_t boardIdMagic;  // kBoardIdMagic once boardId was stored
     uint8_t reserved2[4];
@@ -150,8 +150,8 @@ constexpr uint32_t kFulldumpMagic = MagicWord("ZZZZ");
 constexpr uint8_t kFulldumpMagicTail = 'Z';
 constexpr uint8_t kFulldumpCrcLength = offsetof(fulldump_header, crc);
 
-// Size of a full dump whose meta record was rebuilt from the descriptor, which names none: 16.5
-// GiB.
+// Size assumed for a full dump whose meta record was rebuilt from the descriptor, which names none:
+// 16.5 GiB.
 constexpr uint64_t kFulldumpRebuiltSize = 17716740096;
 
 // Dump header, the first bytes of a minidump region and of a full dump. Only `flag` has a meaning

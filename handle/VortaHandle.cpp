@@ -16,7 +16,7 @@ const std::string kBootfailPath = "/dev/block/by-name/bootfail_info";
 
 }  // namespace
 
-// Shared by all objects and closed by the destructor of any, hence no owners.
+// Process-wide: the destructor of any object closes them for all, so that no object owns them.
 int VortaHandle::dumpFd = -1;
 int VortaHandle::dataFd = -1;
 int VortaHandle::reasonFd = -1;
@@ -146,8 +146,8 @@ int VortaHandle::PartToEmmc(int fd, int64_t offset, int64_t size, uint8_t mode) 
     }
     VortaLogI("[%s] offset = %ld, size = %ld", "PartToEmmc", static_cast<long>(offset),
               static_cast<long>(size));
-    // A mode above 1 opens userdata into the slot of bootfail_info, but the copy reads the slot of
-    // userdata: it fails unless that one is open already. No caller passes such a mode.
+    // For a mode above 1 userdata is opened into the slot of bootfail_info, while the copy reads
+    // the slot of userdata: it fails unless that one is open already. No caller passes such a mode.
     IsPartValid(mode == kModeRawdump ? kRawdumpPath : kUserdataPath, mode);
     const int partFd = mode == kModeRawdump ? dumpFd : dataFd;
     if (partFd < 0 || PartOrEmmcSeek(partFd, offset, fd, 0) < 0) {
@@ -163,8 +163,8 @@ int VortaHandle::PartToEmmc(int fd, int64_t offset, int64_t size, uint8_t mode) 
     return 0;
 }
 
-// The part of PartToEmmc for large sizes; it logs under that name. Whole chunks only; both
-// descriptors are positioned again before each one, because ReadRetry may have stopped anywhere.
+// PartToEmmc for sizes of one chunk and more; logs under that name. Copies whole chunks and
+// positions both descriptors before each.
 int VortaHandle::CopyChunks(int partFd, int fd, int64_t offset, int64_t size, uint8_t* buffer) {
     int n = ReadRetry(partFd, buffer, kCopyChunk);
     if (n < 0) {

@@ -21,7 +21,7 @@ class VortaHandle : public VortaParse {
     static constexpr int64_t kCopyChunk = 524288;
 
     VortaHandle();
-    ~VortaHandle() override;  // closes the partitions, for every object
+    ~VortaHandle() override;  // closes the partitions, which all objects share
 
     // Opens the partition of `mode` (kModeRawdump, kModeUserdata, else bootfail_info) at `path`,
     // unless its slot is open. A failure is logged and leaves the slot closed.
@@ -42,10 +42,10 @@ class VortaHandle : public VortaParse {
     // Positions the partition and the file, both from their start. Returns 0, or -1 (logged).
     int PartOrEmmcSeek(int partFd, int64_t partOffset, int fileFd, int64_t fileOffset);
 
-    // Copies `size` bytes at `offset` of rawdump (`mode` 0) or userdata (any other) to the start of
-    // the open file `fd`. From 524288 bytes on whole chunks of that size are copied: the file
-    // receives `size` rounded up, less a last chunk that the partition's end cuts. Returns 0, or
-    // -1 (logged); the file then keeps what was written.
+    // Copies `size` bytes at `offset` of rawdump or userdata (`mode`) to the start of the open file
+    // `fd`. From 524288 bytes on, whole chunks of that size are copied: `size` is rounded up, and a
+    // last chunk that the partition's end cuts short is dropped. Returns 0, or -1 (logged); the
+    // file then keeps what was written.
     int PartToEmmc(int fd, int64_t offset, int64_t size, uint8_t mode);
 
     // CRC-32/MPEG-2 (polynomial 0x04C11DB7, all bits set initially, neither reflected nor

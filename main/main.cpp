@@ -15,10 +15,10 @@ namespace {
 
 enum ServiceType : uint32_t { kRainbow = 0, kCorvel = 1, kNone = 2 };
 
-constexpr size_t kHelpPrefix = 6;  // "--help"; what follows it does not count
+constexpr size_t kHelpPrefix = 6;  // of "--help"; a longer argument that begins with it counts too
 
-// A partition must never take the place of a standard descriptor that whoever started the daemon
-// had closed: what is echoed to standard error would be written into it.
+// If the caller left a standard descriptor closed, a partition could be opened under its number,
+// and what is echoed to standard error would be written into the partition.
 void OccupyStandardDescriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
         if (fcntl(fd, F_GETFD) < 0) {

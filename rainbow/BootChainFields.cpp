@@ -1,4 +1,4 @@
-// The two fields of the reason header that the boot chain reads at the next boot: user type and board
+// The fields of the reason header that the boot chain reads at the next boot: user type and board
 // identifier.
 #include <android-base/file.h>
 #include <sys/system_properties.h>
@@ -35,7 +35,7 @@ void RainbowHandle::SetIsNeedReserveFlag() {
         VortaLogD("[%s] no need to rewrite usertype", "SetIsNeedReserveFlag");
         return;
     }
-    constexpr size_t kFieldSize = sizeof(rbHeader->userType);  // a longer value loses its NUL
+    constexpr size_t kFieldSize = sizeof(rbHeader->userType);  // a value of 8 or more has no NUL
     if (memcpy_s(rbHeader->userType, kFieldSize, userType, kFieldSize) != 0) {
         VortaLogE("[%s] copy reserve flag fail", "SetIsNeedReserveFlag");
         return;

@@ -1,11 +1,12 @@
-// The boot logs of rawdump as text files in this boot's folder: a raw copy of the region, its
-// printable strings through the shell, and once those are on storage the copy is removed.
+// Saves the boot logs of rawdump as text files in this boot's folder: copies the region, extracts
+// its printable strings through the shell, flushes them and removes the copy.
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include "common/VortaUtils.h"
+#include "rainbow/DumpFolders.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
 
@@ -13,9 +14,9 @@ using android::base::unique_fd;
 
 namespace {
 
-// The shell writes the text to memory only, while the raw copy is on storage already: a power cut
-// seconds later would leave an empty file. A text that cannot be opened, because the shell made
-// none, is nothing to flush. False, after a log line, if the flush failed.
+// The raw copy was written with O_SYNC, but the shell leaves the text in memory: with the copy
+// gone, a power cut seconds later could leave an empty file. A text that cannot be opened, normally
+// because the shell made none, is nothing to flush. False, after a log line, if the flush failed.
 bool FlushText(const std::string& path, const char* operation) {
     const unique_fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (fd.ok() && fsync(fd.get()) != 0) {
@@ -49,12 +50,12 @@ void RainbowHandle::TzLogUpdate() {
     }
 }
 
-// True when the region was copied, whatever came of its conversion to text. A copy that failed, one
-// whose conversion could not be started, and one whose text could not be flushed stays in the
-// folder.
+// Returns whether the region was copied, whatever came of its conversion to text. The raw copy
+// stays if it is incomplete, if the conversion could not be started, or if the text could not be
+// flushed.
 bool RainbowHandle::SaveBootLog(const std::string& name, const Region& region,
                                 const char* operation) {
-    const std::string finalPath = kDumplogRoot + "/" + recordTime + "/" + name;
+    const std::string finalPath = BootFolder(kModeRawdump, recordTime) + "/" + name;
     std::string tmpPath;
     unique_fd fd(DumpFileCreate(tmpPath, recordTime + "/" + name + kTmpSuffix, kModeRawdump));
     if (!fd.ok()) {

@@ -7,6 +7,8 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <utility>
+
 #include "common/VortaUtils.h"
 #include "rainbow/RainbowPaths.h"
 
@@ -95,7 +97,7 @@ void SetOcpType(char type, BootInfo& info) {
 }
 
 void CheckPmicPonLogs(BootInfo& info) {
-    if (info.category != kCategoryNormal) {  // an over-current reason stands
+    if (info.category != kCategoryNormal) {  // an over-current reason takes precedence
         return;
     }
     std::string log;

@@ -15,7 +15,7 @@ struct BootInfo {
     std::string reason;  // detail text; empty until a source named one
 };
 
-// Stores in `info` the over-current shutdown that the kernel command line tells of, if any.
+// Stores in `info` the over-current shutdown recorded on the kernel command line, if any.
 void GetOcpFromCmdline(BootInfo& info);
 
 // The same for the item's value: its last character is the trigger flag ('0': not triggered), its
@@ -39,5 +39,6 @@ void GetAbnormalBootReason(std::string log, std::string block, BootInfo& info);
 // Names the sub-faults of an XVLO fault that `block` holds, joined by "_"; "XVLO" if none.
 void XvloCheck(std::string& result, const std::string& block);
 
-// True if the ship mode marker file existed; the file is consumed.
+// True if the ship mode marker file existed. Removes the file; a failure of that is logged and does
+// not change the result.
 bool IsShipmodeXvdd();

@@ -1,4 +1,4 @@
-// The files that collected data goes to: where they are made, their mode and owner.
+// Makes the files that collected data goes to; sets mode and owner, of the history log as well.
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/stat.h>

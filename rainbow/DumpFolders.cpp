@@ -39,7 +39,7 @@ UniqueDir OpenDir(const std::string& folder) {
     return UniqueDir(opendir(folder.c_str()));
 }
 
-// The next entry but "." and "..", or null at the end. The stream owns it, until the next call.
+// The next entry except "." and "..", or null at the end. Valid until the next call.
 const dirent* NextEntry(const UniqueDir& dir) {
     const dirent* entry = nullptr;
     do {
@@ -49,13 +49,13 @@ const dirent* NextEntry(const UniqueDir& dir) {
     return entry;
 }
 
-// Links and special files in a root folder are none of the service's making: they are let be.
+// The service makes only files and folders; links and special files of others are left alone.
 bool IsFileOrFolder(const dirent& entry) {
     return entry.d_type == DT_REG || entry.d_type == DT_DIR;
 }
 
-// Hands `visit` the full path of each entry below `folder` that is no folder, depth first. The
-// paths are not gathered first: other software fills these folders too, without a bound.
+// Calls `visit` with the path of each entry below `folder` that is not a folder, depth first. Paths
+// are not collected first: other software writes here too, so their number has no bound.
 template <typename Visit>
 void WalkFiles(const std::string& folder, const Visit& visit) {
     const UniqueDir dir = OpenDir(folder);
@@ -70,13 +70,13 @@ void WalkFiles(const std::string& folder, const Visit& visit) {
             visit(path);
         }
     }
-    VortaLogE("[%s] readdir is null", "GetDirFiles");  // the end of every listing
+    VortaLogE("[%s] readdir is null", "GetDirFiles");  // no error: ends every complete listing
 }
 
 }  // namespace
 
 int RainbowHandle::DumpDirOpen(uint8_t mode) {
-    const std::string folder = DumpRoot(mode) + "/" + recordTime;
+    const std::string folder = BootFolder(mode, recordTime);
     if (mkdir(folder.c_str(), kFolderMode) != 0) {
         VortaLogE("[%s] mkdir %s err\n", "DumpDirOpen", folder.c_str());
         return -1;
@@ -145,7 +145,8 @@ void RainbowHandle::DumpSizeCheck() {
     uint32_t count = 0;
     const std::string name = DumpFindOldDir(kModeRawdump, count);
     if (!name.empty()) {
-        // One entry a boot. The trailing "/" keeps a file, such as the history, from being removed.
+        // One entry a boot. The trailing "/" makes stat fail for a file, so that the history is
+        // never removed here.
         DirOrFileRemove(kDumplogRoot + "/" + name + "/");
     }
 }
@@ -158,7 +159,7 @@ void RainbowHandle::FullDumpSizeCheck() {
     }
     while (const dirent* const entry = NextEntry(dir)) {
         if (IsFileOrFolder(*entry)) {
-            const std::string path = kFulldumplogRoot + "/" + entry->d_name;
+            const std::string path = EntryPath(kFulldumplogRoot, entry->d_name);
             VortaLogE("[%s] remove FileName: %s", "FullDumpSizeCheck", path.c_str());
             DirOrFileRemove(path);
         }
@@ -193,6 +194,6 @@ void RainbowHandle::DirOrFileRemove(const std::string& path) {
     while (const dirent* const entry = NextEntry(dir)) {
         DirOrFileRemove(path + "/" + entry->d_name);
     }
-    dir.reset();  // before the folder goes
+    dir.reset();  // closed before it is removed
     (void)rmdir(path.c_str());
 }

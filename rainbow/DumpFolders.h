@@ -10,10 +10,15 @@
 #include "handle/PartitionRecords.h"
 #include "rainbow/RainbowPaths.h"
 
-// The folder below which the collections from the partition of `mode` lie. Every mode but
-// rawdump's means the full dump folder.
+// The root folder of what is collected from the partition of `mode`; the full dump folder for any
+// mode but kModeRawdump.
 inline const std::string& DumpRoot(uint8_t mode) {
     return mode == kModeRawdump ? kDumplogRoot : kFulldumplogRoot;
+}
+
+// The folder of the boot that `recordTime` names.
+inline std::string BootFolder(uint8_t mode, const std::string& recordTime) {
+    return DumpRoot(mode) + "/" + recordTime;
 }
 
 // The limit of the dumplog folder, in bytes.
@@ -21,7 +26,7 @@ constexpr int32_t DumplogLimit(bool isCommercial) {
     return isCommercial ? kDumplogLimitCommercial : kDumplogLimit;
 }
 
-// Joins a folder and an entry's name; a folder that ends in "/", and an empty one, get no other.
+// Joins a folder and an entry's name. Adds no "/" if `folder` is empty or ends in one.
 std::string EntryPath(const std::string& folder, const std::string& name);
 
 // The name that sorts first byte by byte, or empty. Folders are named by their time, in a fixed

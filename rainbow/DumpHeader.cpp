@@ -1,4 +1,4 @@
-// The dump header: does it say that a dump is waiting, and when may it be cleared.
+// The dump header: tells whether a dump is waiting; cleared once the dump is on storage.
 #include <android-base/unique_fd.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -17,14 +17,14 @@ int64_t HeaderOffset(uint8_t mode, int64_t fulldumpOffset) {
     return mode == kModeRawdump ? kMinidumpRegion.offset : fulldumpOffset;
 }
 
-// The text of a debug message, which is never output.
+// For the debug level, which writes nothing.
 void ShowHeader(const DumpHeader& header) {
     VortaLogD("%s %u %u\n%lu %s %u\n%lu %lu %u", static_cast<const char*>(header.text0),
               header.word32a, header.flag, header.word64a, static_cast<const char*>(header.text1),
               header.word32b, header.word64b, header.word64c, header.word32c);
 }
 
-// Puts the names in a folder on storage. 0, or the error number of what failed.
+// Flushes the names in a folder to storage. Returns 0 or an errno value.
 int FlushFolder(const std::string& folder) {
     const unique_fd fd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return fd.ok() && fsync(fd.get()) == 0 ? 0 : errno;
@@ -50,7 +50,7 @@ bool RainbowHandle::IsDumpPartValid(uint8_t mode) {
 }
 
 void RainbowHandle::UpdatePartDumpHeader(uint8_t mode) {
-    // The whole record goes, not only the flag: that marks the dump as collected.
+    // The whole record, not only its flag: that marks the dump as collected.
     if (memset_s(dumpHeader, sizeof(DumpHeader), 0, sizeof(DumpHeader)) != 0) {
         VortaLogE("[%s] dumpHeader memset_s fail", "UpdatePartDumpHeader");
     }
@@ -62,12 +62,11 @@ void RainbowHandle::UpdatePartDumpHeader(uint8_t mode) {
     }
 }
 
-// The dump in the partition is the only copy until the file `fd` is on storage. fsync of the file
-// covers its data and its name; the name of the folder that this run made for it needs fsync of the
+// The partition holds the only copy of the dump until the file `fd` is on storage. fsync of the
+// file covers its data and its name; the name of the folder that this run made needs fsync of the
 // root folder. On f2fs mounted with fsync_mode=nobarrier only the second one also empties the
-// storage device's own cache. If either fails, the header stays, and the dump is saved again by the
-// next run that looks at it: the next boot, or for a minidump without remote debugging the next
-// abnormal one.
+// storage device's own cache. If either fails, the header stays, and a later run saves the dump
+// again: the next boot, or, for a minidump without remote debugging, the next abnormal one.
 void RainbowHandle::ClearHeaderOnceStored(int fd, uint8_t mode, const char* operation) {
     const int error = fsync(fd) != 0 ? errno : FlushFolder(DumpRoot(mode));
     if (error != 0) {

@@ -10,7 +10,8 @@ uint8_t abnormalBootFlag = 0;
 
 namespace {
 
-// Closed by hand, as no owner leaves descriptor 0 open. main() has taken that one.
+// Closes `fd` unless it is 0, an exception that no owner makes. main() has taken 0, so that no file
+// gets it.
 void CloseFile(int fd) {
     if (fd >= 1) {
         (void)close(fd);
@@ -60,7 +61,8 @@ void RainbowHandle::CollectAbnormalBoot() {
     if ((isRemoteValid || !isCommercial) && IsDumpPartValid(kModeRawdump)) {
         SaveMiniDump(kModeRawdump);
     }
-    // Last: the run came this far. It does not say that each copy succeeded.
+    // The marker comes last. It says that the collection ran to its end, not that each copy
+    // succeeded.
     std::string markerPath;
     CloseFile(DumpFileCreate(markerPath, recordTime + "/" + kDoneName, kModeRawdump));
 }
@@ -74,8 +76,8 @@ void RainbowHandle::CollectFullDump() {
         VortaLogE("[%s] fulldump part is invalid", "DumpFileUpdate");
         return;
     }
-    // At most one full dump is ever kept. Size and room come later: a dump that then cannot be
-    // saved costs the one before.
+    // At most one full dump is kept. The earlier one goes before size and free space are checked,
+    // so that it is lost even if the new one cannot be saved.
     FullDumpSizeCheck();
     fulldumpSize = static_cast<int64_t>(fulldumpMeta.dumpSize);
     if (fulldumpSize == 0) {

@@ -6,7 +6,8 @@
 #include "common/VortaUtils.h"
 #include "rainbow/RainbowHandle.h"
 
-static_assert(kFulldumpRebuiltSize == VortaHandle::kMaxCopy, "the most that can be copied");
+static_assert(kFulldumpRebuiltSize == VortaHandle::kMaxCopy,
+              "a rebuilt record names the most that can be copied");
 
 bool RainbowHandle::ReadFulldumpMetaInfoFromBootfail(fulldump_header& meta) {
     if (PartCommonRW(kFulldumpMetaRegion.offset, &meta, sizeof(meta), kRead, kModeBootfail) < 0) {

@@ -1,4 +1,4 @@
-// Texts of the reason header, whose writers are trusted to terminate them but may not have done so.
+// Texts of the reason header. Their writers should end them in a NUL; reading does not rely on it.
 #pragma once
 
 #include <string.h>

@@ -30,15 +30,16 @@ std::string HistoryLine(const std::string& reason, const std::string& time,
 
 int RainbowHandle::HistoryFileOpen() {
     historyFilePath = kDumplogRoot + "/" + kHistoryName;
-    historyFd.reset(
-        open(historyFilePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kCreationMode));
+    const int fd =
+        open(historyFilePath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_SYNC, kCreationMode);
+    const int error = errno;
+    historyFd.reset(fd);
     if (!historyFd.ok()) {
-        const int error = errno;
         VortaLogE("[%s] open file %s errno = %d", "HistoryFileOpen", historyFilePath.c_str(),
                   error);
         return -1;
     }
-    // The mode above counts only at creation; an existing file is put right as well.
+    // open() sets the mode of a new file only; an existing one is corrected as well.
     DirOrFileSetPerm(historyFd.get(), kFileMode, kOwner, kGroup);
     return 0;
 }
@@ -60,8 +61,7 @@ int RainbowHandle::HistoryFileCheck() {
     if (status.st_size > kHistoryLimit) {
         VortaLogI("[%s] history.log too big, need renew", "HistoryFileCheck");
         DirOrFileRemove(historyFilePath);
-        // The removed file's descriptor has no owner from here on: it stays open until the process
-        // ends.
+        // Not closed: the removed file's descriptor stays open until the process ends.
         (void)historyFd.release();
         return HistoryFileOpen();
     }

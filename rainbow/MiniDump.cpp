@@ -4,6 +4,8 @@
 #include <stdio.h>
 #include <zlib.h>
 
+#include <memory>
+
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
 #include "rainbow/RainbowHandle.h"
@@ -14,12 +16,17 @@ using android::base::unique_fd;
 namespace {
 
 constexpr size_t kPackChunk = 128;
-// What the streams on both sides of that chunk gather. With their defaults, a page and 8 KiB,
-// packing takes forty times as many system calls.
+// Buffer size of the streams that chunks are read from and written to. With their defaults, a page
+// and 8 KiB, packing takes forty times as many system calls.
 constexpr size_t kPackGather = 131072;
 
-// Packs all of `in`. A read error ends it like the end of the file. Only a negative result is a
-// failure, and zlib answers 0 even when the disk is full: see docs/hazards.md.
+struct CloseStream {
+    void operator()(FILE* in) const { (void)fclose(in); }
+    void operator()(gzFile out) const { (void)gzclose(out); }
+};
+
+// Packs all of `in`. A read error counts as the end of the file. Only a negative result of gzwrite
+// is a failure; zlib returns 0 even when the disk is full: see docs/hazards.md.
 bool PackStream(FILE* in, gzFile out) {
     char buffer[kPackChunk] = {};
     size_t n = 0;
@@ -51,31 +58,31 @@ void RainbowHandle::SaveMiniDump(uint8_t mode) {
     if (DumpFileCompress() >= 0) {
         ClearHeaderOnceStored(rawFd.get(), mode, "SaveMiniDump");
     }
-    tmpFd.reset();  // the raw copy first
+    tmpFd.reset();  // first, as its file is removed by now: that frees the room
+                    // last
 }
 
 int RainbowHandle::DumpFileCompress() {
-    FILE* const in = fopen(tmpDumpPath.c_str(), "rb");
+    char gathered[kPackGather];  // must outlive the stream that uses it
+    std::unique_ptr<FILE, CloseStream> in(fopen(tmpDumpPath.c_str(), "rb"));
     if (in == nullptr) {
         return -1;
     }
-    const gzFile out = gzopen(rawdumpPath.c_str(), "wb");
+    std::unique_ptr<gzFile_s, CloseStream> out(gzopen(rawdumpPath.c_str(), "wb"));
     if (out == nullptr) {
-        (void)fclose(in);
         return -1;
     }
-    char gathered[kPackGather];
-    (void)setvbuf(in, gathered, _IOFBF, sizeof(gathered));
-    (void)gzbuffer(out, kPackGather);
-    const bool packed = PackStream(in, out);
-    // Closed by hand: the input first, and before the raw copy is removed. The end of the packed
-    // file is written here; a failure of that is not looked at.
-    (void)fclose(in);
-    (void)gzclose(out);
+    (void)setvbuf(in.get(), gathered, _IOFBF, sizeof(gathered));
+    (void)gzbuffer(out.get(), kPackGather);
+    const bool packed = PackStream(in.get(), out.get());
+    // The input first, then the packed file, whose end is written here: a failure of that is not
+    // looked at. Only then may the raw copy go.
+    in.reset();
+    out.reset();
     if (!packed) {
         return -1;
     }
-    // No error: whoever reads only the errors is to see that a dump was packed.
+    // No error, but at this level also a log of errors alone shows that a dump was packed.
     VortaLogE("[%s] gzwrite file succ", "DumpFileCompress");
     DirOrFileRemove(tmpDumpPath);
     return 0;

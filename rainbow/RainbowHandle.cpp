@@ -49,15 +49,15 @@ bool RainbowHandle::RainbowInit() {
                         kModeRawdump) >= 0;
 }
 
-// Each step logs its own failures; none but the first stops the flow.
+// Each step logs its own failures; only a failed RainbowInit ends the flow.
 void RainbowHandle::HandleFlow(std::string srvName) {
     VortaLogD("rainbow handle begin");
     if (!RainbowInit()) {
         return;
     }
 
-    // A warm reset's reason was written before it happened. For any other it is derived here, the
-    // over-current item first, because the power-on log cannot tell what that one knows.
+    // Before a warm reset its reason was written to the header. For any other reset it is derived
+    // here, from the over-current item first, because the power-on log does not tell of that.
     if (rbHeader->reasonNode.resetType != kResetWarm) {
         BootInfo info;
         GetOcpFromCmdline(info);
@@ -65,8 +65,8 @@ void RainbowHandle::HandleFlow(std::string srvName) {
         RainbowReasonSet(info.category, info.reason);
     }
 
-    // Evidence before bookkeeping. Once the dump folder is made the reason node is cleared in here,
-    // so that an abnormal boot's history line below comes from the kernel command line.
+    // Evidence before bookkeeping. Once the dump folder exists this step clears the reason node, so
+    // that an abnormal boot's history line takes its reason from the kernel command line.
     DumpFileUpdate(kModeRawdump);
 
     if (IsFactoryVer() && abnormalBootFlag == 1) {
@@ -76,8 +76,8 @@ void RainbowHandle::HandleFlow(std::string srvName) {
         HistoryFileUpdate();
     }
 
-    // The boot chain decides by this field whether to reserve a dump area. The write, if there is
-    // one, carries a derived reason to the partition as well.
+    // The user type, by which the boot chain decides whether to reserve a dump area. A write stores
+    // the whole header, and with it a reason derived above.
     SetIsNeedReserveFlag();
 
     fulldump_header meta = {};
@@ -85,13 +85,13 @@ void RainbowHandle::HandleFlow(std::string srvName) {
         fulldumpMeta = meta;
         DumpFileUpdate(kModeUserdata);
     }
-    if (isCommercial) {  // a customer's phone keeps no full dump, also none from before
+    if (isCommercial) {  // keeps no full dump, not even an earlier build's
         FullDumpSizeCheck();
     }
     SetBoardID();
 
-    // A minidump that is still waiting, because the boot was a normal one. After an abnormal boot
-    // the folder exists, DumpDirOpen says so, and nothing is done twice.
+    // A minidump that is still waiting after a normal boot. After an abnormal one this run's folder
+    // exists already, so that DumpDirOpen fails and nothing is saved twice.
     if (isRemoteValid && IsDumpPartValid(kModeRawdump) && DumpDirOpen(kModeRawdump) >= 0) {
         DumpSizeCheck();
         SaveMiniDump(kModeRawdump);

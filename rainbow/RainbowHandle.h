@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "handle/PartitionRecords.h"
 #include "handle/VortaHandle.h"
 
 // Set to 1 by IsNormalBoot when the reason header marks an abnormal boot.
@@ -19,7 +20,7 @@ class RainbowHandle : public VortaHandle {
     ~RainbowHandle() override;
 
     // The whole service, see RainbowHandle.cpp for its steps. The name "minidump" leaves out the
-    // history line; every other name means nothing.
+    // history line; all other names are treated alike.
     void HandleFlow(std::string srvName) override;
 
     // Allocates the buffers, sets build flags and recordTime, reads the reason header. False,
@@ -50,7 +51,8 @@ class RainbowHandle : public VortaHandle {
 
     // --- History log (HistoryLog.cpp) ---
 
-    // These give 0, or -1 after logging why.
+    // Open the file; open it, and begin it anew if it is over its limit; append `line`. Each
+    // returns 0, or -1 after logging why.
     int HistoryFileOpen();
     int HistoryFileCheck();
     int HistoryFileRecord(const std::string& line);
@@ -66,7 +68,7 @@ class RainbowHandle : public VortaHandle {
 
     // --- Dump header (DumpHeader.cpp) ---
 
-    // Reads the header of the dump in the partition of `mode`; true if it says that a dump waits.
+    // Reads the header of the dump in the partition of `mode`; true if it says one is waiting.
     bool IsDumpPartValid(uint8_t mode);
     // Zeroes that header: the dump counts as collected.
     void UpdatePartDumpHeader(uint8_t mode);
@@ -78,7 +80,7 @@ class RainbowHandle : public VortaHandle {
     // descriptor; a negative one is a failure that was logged.
     int DumpFileCreate(std::string& path, const std::string& name, uint8_t mode);
     // Sets permissions and owner of an open file; failures are logged. A negative descriptor is
-    // passed over.
+    // ignored.
     void DirOrFileSetPerm(int fd, int permissions, int user, int group);
 
     // --- Boot logs (BootLogs.cpp): each makes a text file in this boot's folder ---
@@ -103,7 +105,7 @@ class RainbowHandle : public VortaHandle {
     std::string DumpFindOldDir(uint8_t mode, uint32_t& count);
     // Bytes in all files below `folder`, wrapping at 32 bits.
     int32_t GetFolderSize(const std::string& folder);
-    // Appends the full paths of all entries below `folder` that are no folders.
+    // Appends the full paths of all entries below `folder` that are not folders.
     void GetDirFiles(const std::string& folder, std::vector<std::string>& files);
     // Removes the oldest entry of dumplog if the folder is over its limit.
     void DumpSizeCheck();
@@ -122,7 +124,7 @@ class RainbowHandle : public VortaHandle {
 
     // --- Full dump meta record (FulldumpMeta.cpp) ---
 
-    // False if it could not be read, or its CRC does not hold; `meta` then has what was read.
+    // False if it could not be read, or its CRC does not match; `meta` then holds what was read.
     bool ReadFulldumpMetaInfoFromBootfail(fulldump_header& meta);
     // Sets the CRC and writes the record.
     void WriteFulldumpMetaInfoToBootfail(fulldump_header& meta);
@@ -136,7 +138,7 @@ class RainbowHandle : public VortaHandle {
 
     // Takes fulldumpOffset from the meta record; 0 is not valid.
     bool IsFulldumpOffsetValid();
-    // Whether /data has room for the dump twice over.
+    // Whether /data has twice the dump's size free.
     bool IsDataPartEnough();
 
     // --- What the boot chain reads at the next boot (BootChainFields.cpp) ---

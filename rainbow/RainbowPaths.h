@@ -7,8 +7,8 @@
 
 #include <string>
 
-// Folders on the data partition, and where it is mounted. They exist before the daemon starts; it
-// makes only the folders of single boots below them.
+// Root folders of what is collected, and the mount point of the data partition. All exist before
+// the daemon starts; it makes only the folder of each boot below them.
 extern const std::string kDumplogRoot;
 extern const std::string kFulldumplogRoot;
 extern const std::string kDataMount;
@@ -39,7 +39,7 @@ extern const std::string kVendorDeviceProperty;
 extern const std::string kUnknownSreason;  // the detail reason of a header that holds none
 extern const std::string kFactoryLibrary;
 
-// One line of the history, a format: reason, time of this run, category.
+// Format of one history line: reason, time of this run, category.
 inline constexpr char kHistoryFormat[] =
     "system exception core [NA], reason [%s], time [%s], sysreboot [true], bootup_keypoint [NA], "
     "category [%s]\n";

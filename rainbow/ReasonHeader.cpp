@@ -1,5 +1,5 @@
-// The reason node of the header at the start of rawdump: is it valid, what does it say, set it,
-// clear it. The bytes outside the node are carried through as they were read.
+// The reason node of the header at the start of rawdump: checked, read, set and cleared. The bytes
+// outside the node are written back as they stand in memory.
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
 #include "rainbow/BootReason.h"
@@ -75,13 +75,13 @@ void RainbowHandle::RainbowReasonSet(uint32_t category, std::string& reason) {
     node.sreasonStrFlag = kTextValid;
     (void)memset_s(node.mreasonStr, sizeof(node.mreasonStr), 0, sizeof(node.mreasonStr));
     (void)memset_s(node.sreasonStr, sizeof(node.sreasonStr), 0, sizeof(node.sreasonStr));
-    // A reason that does not fit is left empty on purpose.
+    // A text that does not fit leaves its field empty: cut, it could name another reason.
     const std::string name = CategoryName(category);
     (void)strncpy_s(node.mreasonStr, sizeof(node.mreasonStr), name.c_str(), name.size());
     (void)strncpy_s(node.sreasonStr, sizeof(node.sreasonStr), reason.c_str(), reason.size());
     VortaLogE("RainbowReasonSet:rbHeader->reasonNode.sreasonStr = %s",
               static_cast<const char*>(node.sreasonStr));
-    if (reason.empty()) {  // no source knew anything: that overrides even a known category
+    if (reason.empty()) {  // no source gave a reason: the category is UNKNOWN then as well
         (void)strncpy_s(node.sreasonStr, sizeof(node.sreasonStr), kUnknownName.c_str(),
                         kUnknownName.size());
         (void)strncpy_s(node.mreasonStr, sizeof(node.mreasonStr), kUnknownName.c_str(),

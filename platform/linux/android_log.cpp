@@ -7,12 +7,13 @@
 #include <sys/un.h>
 #include <syslog.h>
 #include <time.h>
-#include <unistd.h>
+
+#include "android-base/unique_fd.h"
 
 namespace {
 
 constexpr size_t kMaxText = 1023;   // what the phone's log keeps of a message
-constexpr int kAndroidLogInfo = 4;  // lowest priority that maps to "info"
+constexpr int kAndroidLogInfo = 4;  // highest priority that maps to "info"
 constexpr int kAndroidLogError = 6;
 
 int SeverityOf(int prio) {
@@ -28,14 +29,12 @@ int LogSocket() {
     if (fd >= 0) {
         return fd;
     }
-    const int candidate = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = {AF_UNIX, "/dev/log"};
-    if (candidate >= 0 &&
-        connect(candidate, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        (void)close(candidate);
-        return -1;
+    android::base::unique_fd candidate(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_un address = {AF_UNIX, "/dev/log"};
+    if (candidate.ok() && connect(candidate.get(), reinterpret_cast<const sockaddr*>(&address),
+                                  sizeof(address)) == 0) {
+        fd = candidate.release();
     }
-    fd = candidate;
     return fd;
 }
 

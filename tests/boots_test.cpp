@@ -2,6 +2,8 @@
 // meets. A promise covers each partition byte, each collected file, the history and the log.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "phone.h"
 
 namespace vortadev {

@@ -21,6 +21,8 @@ from cases import GROWTH, Case, all_cases
 from device import MINIDUMP_SIZE, Contender, Device
 
 ROOT = Path(__file__).resolve().parent.parent
+sys.path.append(str(ROOT / "scripts"))
+from program import CommandLine, need, place_for, run
 MEMORY_FOLDER = "/dev/shm"
 SERVICE = ("-r", "boot")
 FEW = 3  # up to so many rounds all count; with more, one is run before them
@@ -217,28 +219,33 @@ def print_goals(report: dict) -> None:
 
 
 def options() -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
+    parser = CommandLine("scripts/bench", __doc__)
     parser.add_argument("--quick", action="store_true", help="few rounds, no dump of 2 GiB")
     parser.add_argument("--json", metavar="FILE", type=Path, default=ROOT / "build/bench.json",
                         help="where the figures go, each run included (default build/bench.json)")
     parser.add_argument("--only", metavar="CASES", default="",
                         help="only cases whose names begin so, several with commas: " +
                         ", ".join(case.name for case in all_cases()))
-    parser.add_argument("--build", metavar="FOLDER", type=Path, default=ROOT / "build/host",
-                        help="the build to measure (default build/host)")
+    parser.add_argument("--build", metavar="FOLDER", type=Path,
+                        help="the build to measure (default build/host, which is then built)")
     parser.add_argument("--against", metavar="PROGRAM", type=Path,
                         help="another build of the daemon, as one more rival")
     return parser.parse_args()
 
 
+def build_daemons() -> None:
+    run("cmake", "--preset", "host")
+    run("cmake", "--build", "--preset", "host", "--target", "vorta", "vortadev")
+    if (ROOT / "build/arm64/build.ninja").exists():  # only its size is of interest
+        run("cmake", "--build", "--preset", "arm64", "--target", "vorta")
+
+
 def check_paths(chosen: argparse.Namespace) -> None:
-    """Before hours go by: what is to be measured is there, and the figures have a place to go."""
+    """Before hours go by: what is to be measured is there."""
     for option, program in (("--build", chosen.build / "vorta"), ("--build", chosen.build / "vortadev"),
                             ("--against", chosen.against)):
         if program and not (program.is_file() and os.access(program, os.R_OK | os.X_OK)):
             raise SystemExit(f"bench: {option}: {program} cannot be run; expected a program")
-    if chosen.json.is_dir() or not chosen.json.parent.is_dir():
-        raise SystemExit(f"bench: --json: {chosen.json} cannot be written; expected a file in a folder that exists")
 
 
 def chosen_groups(chosen: argparse.Namespace) -> list[list[Case]]:
@@ -281,6 +288,11 @@ def measure(chosen: argparse.Namespace, groups: list[list[Case]], places: dict[s
 
 def main() -> None:
     chosen = options()
+    need("demo", "test", "bench")
+    place_for(chosen.json)
+    if not chosen.build:
+        build_daemons()
+        chosen.build = ROOT / "build/host"
     check_paths(chosen)
     groups = chosen_groups(chosen)
     build = chosen.build.resolve()

@@ -19,7 +19,7 @@ void WriteLog(int priority, const char* failText, const char* format, ...);
 // Passing a std::string where the format says %s is the classic fault of printf-style calls.
 // Whether each argument suits its conversion is checked by scripts/lint.
 template <typename... Args>
-constexpr bool kPrintable = ((std::is_arithmetic_v<Args> || std::is_pointer_v<Args>)&&...);
+constexpr bool kPrintable = (... && (std::is_arithmetic_v<Args> || std::is_pointer_v<Args>));
 
 // Android log priorities of the two levels that are written.
 constexpr int kLogInfo = 4;

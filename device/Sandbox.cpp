@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "device/DeviceFolder.h"
@@ -52,6 +53,26 @@ Arguments BubbleWrap() {
     return arguments;
 }
 
+// What to change where ordinary users may not make namespaces: Linux, Debian and Ubuntu have a
+// setting each.
+std::string SettingToChange() {
+    const std::pair<const char*, const char*> forbidding[] = {
+        {"user.max_user_namespaces", "0"},
+        {"kernel.unprivileged_userns_clone", "0"},
+        {"kernel.apparmor_restrict_unprivileged_userns", "1"},
+    };
+    for (const auto& [setting, value] : forbidding) {
+        std::string path = setting;
+        std::replace(path.begin(), path.end(), '.', '/');
+        std::string found;
+        std::getline(std::ifstream("/proc/sys/" + path), found);
+        if (geteuid() != 0 && found == value) {
+            return std::string("; change ") + setting + ", which is " + value;
+        }
+    }
+    return "";
+}
+
 // Asks once a process whether sandboxes can be made here; throws with the reason if not.
 void RequireSandbox() {
     static const std::string refusal = [] {
@@ -68,13 +89,16 @@ void RequireSandbox() {
             std::string text;
             while (ReadAvailable(errors.reader.Get(), text)) {
             }
-            return child.Wait() == 0 ? "" : "this machine forbids sandboxes: " + text;
+            text = text.substr(0, text.find('\n'));
+            return child.Wait() == 0
+                       ? ""
+                       : "this machine forbids sandboxes: " + text + SettingToChange();
         } catch (const DeviceError& error) {
             return std::string(error.what()) + "; install the package bubblewrap";
         }
     }();
     if (!refusal.empty()) {
-        throw DeviceError(Printable(refusal.substr(0, refusal.find('\n'))));
+        throw DeviceError(Printable(refusal));
     }
 }
 
@@ -123,8 +147,10 @@ Arguments DataMounts(const fs::path& device, const RunOptions& options) {
 }
 
 Arguments Environment(const RunOptions& options) {
+    // With POSIXLY_CORRECT getopt stops at the first operand, as the phone's does.
     std::map<std::string, std::string> environment = {{"PATH", "/system/bin:/vendor/bin"},
-                                                      {"LD_LIBRARY_PATH", "/vendor/lib64"}};
+                                                      {"LD_LIBRARY_PATH", "/vendor/lib64"},
+                                                      {"POSIXLY_CORRECT", "1"}};
     for (const char* name : kPassedOn) {
         if (const char* value = getenv(name)) {
             environment[name] = value;

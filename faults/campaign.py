@@ -22,6 +22,8 @@ from device import Device, State
 from invariants import FAULT, INVARIANTS, LOGGED, NEXT, Broken, Case, Hazard, judge, load_hazards
 
 ROOT = Path(__file__).resolve().parent.parent
+sys.path.append(str(ROOT / "scripts"))
+from program import CommandLine, need, place_for, progress
 
 
 @dataclass(frozen=True)
@@ -46,7 +48,7 @@ class Outcome:
 
 
 def arguments(program: str, about: str) -> argparse.Namespace:
-    parser = argparse.ArgumentParser(prog=f"scripts/{program}", description=about)
+    parser = CommandLine(f"scripts/{program}", about)
     parser.add_argument("--short", action="store_true", help="a sample, for every day")
     parser.add_argument("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json",
                         help=f"where the result for programs goes (build/{program}.json)")
@@ -56,6 +58,8 @@ def arguments(program: str, about: str) -> argparse.Namespace:
                         help="where vortadev and the daemon are (build/host)")
     parser.add_argument("--daemon", type=Path, metavar="PROGRAM", help="another daemon, e.g. build/asan/vorta")
     options = parser.parse_args()
+    need("demo", "test")
+    place_for(options.json)
     options.hazards = load_hazards()
     options.build = options.build.resolve()
     options.daemon = (options.daemon or Path(os.environ.get("VORTA_DAEMON", options.build / "vorta"))).resolve()
@@ -109,10 +113,8 @@ def run_all(cases: list[Any], work: Callable[[Any], Outcome], jobs: int) -> list
         for done, outcome in enumerate(pool.imap_unordered(work, cases, chunksize=8), 1):
             outcomes.append(outcome)
             broken += bool(outcome.broken)
-            if sys.stderr.isatty():
-                left = round((time.monotonic() - start) / done * (len(cases) - done))
-                told = f"{done} of {len(cases)}, {broken} not held, {left // 60}:{left % 60:02} left"
-                sys.stderr.write(f"\r{told if left else ''}\x1b[K")
+            left = round((time.monotonic() - start) / done * (len(cases) - done))
+            progress(f"{done} of {len(cases)}, {broken} not held, {left // 60}:{left % 60:02} left" if left else "")
     return sorted(outcomes, key=lambda outcome: outcome.case)
 
 

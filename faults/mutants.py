@@ -13,6 +13,8 @@ import sys
 import tempfile
 
 ROOT = Path(__file__).resolve().parent.parent
+sys.path.append(str(ROOT / "scripts"))
+from program import CommandLine, need
 PARTS = (("faults", "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
 
 
@@ -62,10 +64,11 @@ def try_mutant(part: str, only: str, daemon: Path, options: argparse.Namespace) 
 
 
 def main() -> int:
-    parser = argparse.ArgumentParser(description=__doc__)
+    parser = CommandLine("faults/mutants.py", __doc__)
     parser.add_argument("--build", type=Path, default=ROOT / "build/host")
     parser.add_argument("--jobs", type=int, default=2)
     options = parser.parse_args()
+    need("demo", "test")
     wrong = 0
     with tempfile.TemporaryDirectory(prefix="mutants-") as folder:
         tree = Path(folder) / "tree"

@@ -2,6 +2,8 @@
 // meets. A promise covers each partition byte, each collected file, the history and the log.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
 #include "phone.h"
 
 namespace vortadev {
@@ -29,8 +31,8 @@ TEST_P(ShippedScenario, KeepsItsPromise) {
 }
 
 std::string TestName(std::string name) {
-    std::replace_if(
-        name.begin(), name.end(), [](unsigned char c) { return isalnum(c) == 0; }, '_');
+    const auto isOther = [](unsigned char c) { return isalnum(c) == 0; };
+    std::replace_if(name.begin(), name.end(), isOther, '_');
     return name;
 }
 

@@ -51,6 +51,7 @@ TEST(CommandLine, OptionsChooseTheService) {
     } cases[] = {
         {{}, 0, "StartVorta\n", "[vorta] input srvName is invalid\n"},
         {{"operand"}, 0, "StartVorta\n", "[vorta] input srvName is invalid\n"},
+        {{"operand", "-x"}, 0, "StartVorta\n", "[vorta] input srvName is invalid\n"},
         {{"--help"}, 0, "", kUsage},
         {{"--helpme", "-r", "x"}, 0, "", kUsage},
         {{"--hel"}, 255, "", name + "invalid option -- '-'\n" + unknown},

@@ -15,8 +15,9 @@ ABNORMAL = {"innerResetReason": "ABNM", "resetType": "WARM", "bootLevel": 2, "mr
             "userType": "5", "boardIdMagic": "0xB0A1D1D", "boardId": 14}
 OUTDATED = {"userType": "5"}
 META = {"magic": "ZZZZ", "magicTail": "Z", "userType": "5"}
-LOGS = {name: {"text": [f"{name} line {n}" for n in range(3)]}
-        for name in ("xbl_abl", "last_xbl_abl", "last_kmsg", "tz_log")}
+LOG_REGIONS = {"xbl_abl": ("rawdump", 0x80000, 0x40000), "last_xbl_abl": ("rawdump", 0xC0000, 0x40000),
+               "last_kmsg": ("rawdump", 0x200000, 0x180000), "tz_log": ("rawdump", 0x300000, 0x100000)}
+LOGS = {name: {"text": [f"{name} line {n}" for n in range(3)]} for name in LOG_REGIONS}
 
 
 @dataclass(frozen=True)

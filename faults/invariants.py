@@ -11,7 +11,7 @@ import re
 from typing import Callable
 import zlib
 
-from boots import FIELDS, LOGS, STEPS, Boot
+from boots import FIELDS, LOG_REGIONS, LOGS, STEPS, Boot
 from device import BLOCK, ZEROS, FULLDUMP_OFFSET, FULLDUMP_STORED, MINIDUMP, MINIDUMP_SIZE, Run, State
 
 HISTORY_LINE = re.compile(rb"system exception core \[NA\], reason \[[^\n]*\], time \[\d{14}(-\d{8})?\], "
@@ -36,6 +36,9 @@ LOGGED = [(re.compile(call), re.compile(text)) for call, text in (
     (r"^write\(\d+<[^>]*by-name/", r"\[PartCommonRW\] write fail"),
     (r"^write\(\d+<[^>]*history\.log", r"\[HistoryFileRecord\] write"),
     (r"^write\(\d+<[^>]*(_tmp|tmp\.bin|fulldump\.bin)>", r"\[WriteRetry\] dump write error"),
+    (r"^fsync\(.*xbl_abl>", r"\[XblAblLogUpdate\] fsync errno"),
+    (r"^fsync\(.*/last_kmsg>", r"\[LastkmsgUpdate\] fsync errno"),
+    (r"^fsync\(.*/tz_log>", r"\[TzLogUpdate\] fsync errno"),
     (r"^fsync\(", "fsync errno"), (r"^mkdir\(", r"\[DumpDirOpen\] mkdir"),
     (r"^chmod\(", "chmod dir"), (r"^chown\(", "chown dir"),
     (r"^fchmod\(", "fchmod file"), (r"^fchown\(", "fchown file"),
@@ -49,7 +52,7 @@ LOGGED = [(re.compile(call), re.compile(text)) for call, text in (
 class Case:
     """A boot to be judged. `first` is the device before anything was tried on it, `clean` the same
     after a boot without faults; `affected` are the steps that a fault may have kept from being done,
-    `failed` the call that failed."""
+    `failed` the call that failed, `copied` the logs that a cut boot had copied whole."""
     boot: Boot
     stage: str
     first: State
@@ -59,6 +62,7 @@ class Case:
     run: Run | None = None
     affected: frozenset[str] = frozenset()
     failed: str = ""
+    copied: frozenset[str] = frozenset()
 
 
 @lru_cache(maxsize=4096)
@@ -139,12 +143,27 @@ def lost_dump(case: Case) -> str:
     return f"{lost[0]}: header cleared, but no file holds its bytes" if lost else ""
 
 
+def saved_in(case: Case, folder: str, log: str) -> bool:
+    """Whether the folder has the raw copy of the log or, unless its flush failed, the whole text."""
+    unflushed = case.failed.startswith("fsync(") and f"/{log}>" in case.failed
+    return (case.after.files.get(f"{folder}{log}_tmp") == case.first.field(*LOG_REGIONS[log])
+            or not unflushed and case.after.files.get(folder + log) in case.clean.collected(log))
+
+
+def lost_copy(case: Case) -> str:
+    """Only folders that storage kept are looked at. The model lets a new one vanish until its root is flushed;
+    a real file system brings its name along with the first file in it that is written through."""
+    lost = [log for folder in case.after.new_folders() if folder not in case.before.files
+            for log in sorted(case.copied) if not saved_in(case, folder, log)]
+    return f"neither raw copy nor text: {', '.join(lost)}" if lost else ""
+
+
 def lost_log(case: Case) -> str:
     """Each log of the crash is collected, or the node waits for the next boot; the full dump of before
     is there until the new one is."""
     waits = case.after.field(*FIELDS["node"]) == case.first.field(*FIELDS["node"])
     lost = [name for name in LOGS if name in case.boot.steps and not waits
-            and case.after.collected(name) != case.clean.collected(name)]
+            and not any(saved_in(case, folder, name) for folder in case.after.new_folders())]
     if "fulldump" in case.boot.steps and not evidence(case, case.after)["fulldump"][1]:
         lost += [name for name in case.first.files if name.endswith("-fulldump.bin") and name not in case.after.files]
     return f"lost: {', '.join(lost)}" if lost else ""
@@ -199,6 +218,7 @@ INVARIANTS: tuple[tuple[str, str, tuple[str, ...], Callable[[Case], str]], ...] 
     ("foreign bytes", "no partition byte changes outside the fields of this boot", (FAULT, CUT, NEXT), foreign_bytes),
     ("whole records", "each field of a record is whole, old or new", (FAULT, CUT, NEXT), torn_record),
     ("dump kept", "each dump waits in its partition or a file holds exactly its bytes", (FAULT, CUT, NEXT), lost_dump),
+    ("copy kept", "of each log that was copied whole, the folder has the raw copy or the text", (CUT,), lost_copy),
     ("log kept", "each log, and the full dump of before, is in a file, or the node waits", (FAULT,), lost_log),
     ("independent", "a fault does not stop a later step that does not need the failed one", (FAULT,), stopped_steps),
     ("history", "at most one whole line a run; exactly one in a run without faults", (FAULT, CUT, NEXT), history),

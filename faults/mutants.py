@@ -18,31 +18,33 @@ from program import CommandLine, need
 PARTS = (("faults", "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
 
 
-# What is wrong, the source, and the changes that make it so: patterns and their replacements.
-UPDATE, HANDLE = "rainbow/DumpUpdate.cpp", "handle/VortaHandle.cpp"
+# What is wrong, and the changes that make it so: patterns, each of one place in the sources, and replacements.
 MUTANTS = (
-    ("unchanged", UPDATE, ()),
-    ("no flush before the header is cleared", UPDATE, ((r"if \(fsync\(fd\) != 0[^{]*\{", "if (fd < 0) {"),)),
-    ("dump header cleared before the copy", UPDATE,
-     ((r"(    const int tmpFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
-    ("dump header cleared before the packing", UPDATE,
+    ("unchanged", ()),
+    ("no flush before the header is cleared", ((r"if \(fsync\(fd\) != 0[^{]*\{", "if (fd < 0) {"),)),
+    ("texts not flushed before their raw copy goes", ((r"fsync\(fd\) == 0", "fd >= 0"),)),
+    ("dump header cleared before the copy", ((r"(    const int tmpFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
+    ("dump header cleared before the packing",
      ((r"(    const int rawFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
-    ("reason node cleared at the end", UPDATE,
+    ("reason node cleared at the end",
      ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n"))),
-    ("partitions not written through", HANDLE, ((r" \| O_SYNC", ""),)),
-    ("WriteRetry without its loop", HANDLE,
+    ("partitions not written through", ((r"O_RDWR \| O_SYNC", "O_RDWR"),)),
+    ("WriteRetry without its loop",
      ((r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),)))
 
 
-def build(source: Path, changes: tuple[tuple[str, str], ...], tree: Path) -> Path:
-    original = text = source.read_text()
+def build(changes: tuple[tuple[str, str], ...], tree: Path) -> Path:
+    sources = [source for folder in ("handle", "rainbow") for source in (tree / folder).glob("*.cpp")]
+    originals: dict[Path, str] = {}
     for pattern, replacement in changes:
-        text, count = re.subn(pattern, replacement, text, count=1)
-        if count != 1:
-            raise SystemExit(f"faults/mutants.py: nothing in {source} matches {pattern}; it has changed")
-    source.write_text(text)
+        places = [source for source in sources for _ in re.finditer(pattern, source.read_text())]
+        if len(places) != 1:
+            raise SystemExit(f"faults/mutants.py: {pattern} matches {len(places)} places; expected one")
+        originals.setdefault(places[0], places[0].read_text())
+        places[0].write_text(re.sub(pattern, replacement, places[0].read_text()))
     subprocess.run(["cmake", "--build", tree / "build", "--target", "vorta"], check=True, capture_output=True)
-    source.write_text(original)
+    for source, text in originals.items():
+        source.write_text(text)
     return tree / "build/vorta"
 
 
@@ -75,8 +77,8 @@ def main() -> int:
         shutil.copytree(ROOT, tree, ignore=shutil.ignore_patterns("build", ".git"))
         subprocess.run(["cmake", "-S", tree, "-B", tree / "build", "-G", "Ninja",
                         "-DCMAKE_BUILD_TYPE=RelWithDebInfo"], check=True, capture_output=True)
-        for name, source, changes in MUTANTS:
-            daemon = build(tree / source, changes, tree)
+        for name, changes in MUTANTS:
+            daemon = build(changes, tree)
             found = {part: try_mutant(part, only, daemon, options) for part, only in PARTS}
             noticed = any(found.values())
             right = noticed == bool(changes)

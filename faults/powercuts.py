@@ -10,6 +10,7 @@ import re
 import sys
 import time
 
+from boots import LOG_REGIONS
 from calls import Call, of_daemon, parse, thinned
 from campaign import Outcome, Prepared, Result, arguments, chosen_by, prepare_all, report, run_all, scratch_folder
 from device import Device, State
@@ -79,10 +80,12 @@ def states_after(prepared: Prepared, device: Device, before: State, made: list[C
                  deep: int) -> list[Broken]:
     """Judges each way that storage may look now, and what becomes of it. States that differ in nothing
     but times go on alike: one of them is booted."""
-    now = device.read()
+    now, pending = device.read(), pending_after(made, set(before.files))
+    copied = frozenset(log for log, (*_, size) in LOG_REGIONS.items() for name, written in pending.written.items()
+                       if name.endswith(f"/{log}_tmp") and written == size)
     broken: list[Broken] = []
-    for way, state in after_cut(before, now, pending_after(made, set(before.files))):
-        found = judge(Case(prepared.boot, CUT, prepared.first, prepared.clean, before, state))
+    for way, state in after_cut(before, now, pending):
+        found = judge(Case(prepared.boot, CUT, prepared.first, prepared.clean, before, state, copied=copied))
         key = (prepared.boot.name, state.digest(), deep)
         if key not in SEEN:
             SEEN[key] = boots_after(prepared, device, state, tried, deep)

@@ -24,18 +24,19 @@ FLUSHED = re.compile(r"^fsync\(\d+</data/([^>]*)>\) = 0")
 @dataclass
 class Pending:
     """What storage may lack: of each file the bytes behind those that are flushed, names in the order in
-    which they were made, and removals. `known` are the names that the daemon made."""
+    which they were made, and removals. `known` are the names that the daemon made or flushed, `written` the
+    bytes that it wrote to each file."""
     flushed: dict[str, int] = field(default_factory=dict)
     names: list[str] = field(default_factory=list)
     removed: set[str] = field(default_factory=set)
     known: set[str] = field(default_factory=set)
+    written: dict[str, int] = field(default_factory=dict)
 
 
 def pending_after(calls: list[Call], existing: set[str]) -> Pending:
     """Plays the calls on storage that holds the `existing` names. The time of the run reads TIME."""
     pending, through = Pending(known=set(existing)), {}
     stamp = next((found.group(1) for call in calls if (found := RUN_TIME.search(call.text))), None)
-    sizes: dict[str, int] = {}
     for call in calls:
         text = call.text.replace(stamp, "TIME") if stamp else call.text
         if found := OPENED.match(text):
@@ -57,10 +58,11 @@ def pending_after(calls: list[Call], existing: set[str]) -> Pending:
             if through.get(descriptor):
                 pending.names = [other for other in pending.names if other != name]
             else:
-                pending.flushed.setdefault(name, sizes.get(name, 0))
-            sizes[name] = sizes.get(name, 0) + int(size)
+                pending.flushed.setdefault(name, pending.written.get(name, 0))
+            pending.written[name] = pending.written.get(name, 0) + int(size)
         elif found := FLUSHED.match(text):
             name = found.group(1)
+            pending.known.add(name)  # what the shell made is on storage as well
             pending.flushed.pop(name, None)
             pending.names = [other for other in pending.names if other.rstrip("/") != name
                              and str(PurePosixPath(other).parent) != name]
@@ -100,8 +102,8 @@ WAYS: tuple[tuple[str, Callable[[bytes, int], bytes], Callable[[str, bool], bool
 
 
 def after_cut(before: State, now: State, pending: Pending) -> list[tuple[str, State]]:
-    """The ways that storage may look after the cut, each once. Files that the daemon did not open itself
-    are the shell's: nothing of them is flushed."""
+    """The ways that storage may look after the cut, each once. Files that the daemon neither made nor flushed
+    are the shell's: nothing of them is on storage for certain."""
     flushed: dict[str, int] = {}
     unnamed: dict[str, bool] = {}  # whether it is the newest
     for name in now.files:

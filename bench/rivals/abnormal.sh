@@ -12,9 +12,10 @@ region() { # FILE OFFSET SIZE: copies a range of the partition, each 512 KiB flu
 clear() { # OFFSET SIZE: zeroes a record of the partition
   dd if=/dev/zero of=$part bs="$2" count=1 oflag=seek_bytes,sync seek="$1" conv=notrunc status=none
 }
-text() { # NAME OFFSET SIZE: the printable text of a log region
+text() { # NAME OFFSET SIZE: the printable text of a log region, flushed before its raw copy goes
   region "$folder/$1_tmp" "$2" "$3"
   strings "$folder/$1_tmp" >"$folder/$1"
+  fsync "$folder/$1"
   rm "$folder/$1_tmp"
 }
 

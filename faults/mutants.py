@@ -21,11 +21,11 @@ PARTS = (("faults", "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync
 # What is wrong, and the changes that make it so: patterns, each of one place in the sources, and replacements.
 MUTANTS = (
     ("unchanged", ()),
-    ("no flush before the header is cleared", ((r"if \(fsync\(fd\) != 0[^{]*\{", "if (fd < 0) {"),)),
-    ("texts not flushed before their raw copy goes", ((r"fsync\(fd\) == 0", "fd >= 0"),)),
-    ("dump header cleared before the copy", ((r"(    const int tmpFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
+    ("no flush before the header is cleared", ((r"fsync\(fd\) != 0 \? [^;]*;", "fd < 0;"),)),
+    ("texts not flushed before their raw copy goes", ((r"fd\.ok\(\) && fsync\(fd\.get\(\)\) != 0", "false"),)),
+    ("dump header cleared before the copy", ((r"(    unique_fd tmpFd)", r"    UpdatePartDumpHeader(mode);\n\1"),)),
     ("dump header cleared before the packing",
-     ((r"(    const int rawFd = )", r"    UpdatePartDumpHeader(kind);\n\1"),)),
+     ((r"(    const unique_fd rawFd)", r"    UpdatePartDumpHeader(mode);\n\1"),)),
     ("reason node cleared at the end",
      ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n"))),
     ("partitions not written through", ((r"O_RDWR \| O_SYNC", "O_RDWR"),)),

@@ -1,0 +1,1 @@
+"""The host tool: a simulated phone, and what reads a phone's partitions and collected logs."""

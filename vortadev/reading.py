@@ -53,7 +53,7 @@ def bytes_of(path: Path, offset: int, size: int) -> bytes:
 
 
 def _text(data: bytes) -> str:
-    return printable(data.decode("utf-8", "surrogateescape"))
+    return printable(data.decode("ascii", "surrogateescape"))
 
 
 # Files

@@ -131,10 +131,10 @@ class Boot:
         if image.size != expected.size:
             yield f"{name} keeps its size"
         for offset in sorted(image.blocks.keys() | expected.blocks.keys()):
-            pair = zip(image.read(offset, device.BLOCK), expected.read(offset, device.BLOCK))
-            differing = [at for at, (found, promised) in enumerate(pair) if found != promised]
-            if differing:
-                yield f"{name} as promised; the first other byte is at offset {offset + differing[0]}"
+            found, promised = (each.read(offset, device.BLOCK) for each in (image, expected))
+            if found != promised:
+                other = next(at for at, (is_, ought) in enumerate(zip(found, promised)) if is_ != ought)
+                yield f"{name} as promised; the first other byte is at offset {offset + other}"
                 return
 
     def broken_dump_folder(self) -> Iterator[str]:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass, replace
 import gzip
+from itertools import groupby
 import os
 from pathlib import Path
 import re
@@ -17,6 +18,7 @@ from .scenario import Scenario
 
 ANY_TIME = "TIME"  # stands for the time of the run in golden logs
 RECORD_TIME = re.compile(rf"\[GetRecordTime\] get time \[({phone.RECORD_TIME.pattern})\]")
+REMOVED = "[FullDumpSizeCheck] remove FileName"
 OUTPUT = b"StartVorta\n"
 
 
@@ -85,7 +87,10 @@ class Boot:
         self.time = found[1] if found else ANY_TIME
 
     def masked_log(self) -> str:
-        return self.run.log.replace(self.time, ANY_TIME)
+        """The log with nothing in it that varies: the time of the run, the order in which a folder was emptied."""
+        lines = self.run.log.replace(self.time, ANY_TIME).splitlines(keepends=True)
+        runs = groupby(lines, lambda line: REMOVED in line)
+        return "".join(line for removed, run in runs for line in (sorted(run) if removed else run))
 
     def broken(self) -> Iterator[str]:
         for promise in self.all_broken():

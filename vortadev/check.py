@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass, replace
 import gzip
-from itertools import groupby
+from itertools import groupby, zip_longest
 import os
 from pathlib import Path
 import re
@@ -33,12 +33,11 @@ class State:
 
 
 def read_state(folder: Path) -> State:
-    dumplog, history = on_device(folder, phone.DUMPLOG), on_device(folder, phone.HISTORY)
     return State(
         device.read_partitions(folder),
-        {entry.name for entry in entries(dumplog) if entry.is_dir()},
+        {entry.name for entry in entries(on_device(folder, phone.DUMPLOG)) if entry.is_dir()},
         {entry.name for entry in entries(on_device(folder, phone.FULLDUMPLOG))},
-        history.read_bytes() if history.is_file() else b"",
+        content(on_device(folder, phone.HISTORY)),
     )
 
 
@@ -49,7 +48,7 @@ def entries(folder: Path) -> List[Path]:
 def check(scenario: Scenario, folder: Path, options: sandbox.Options) -> List[str]:
     """Makes the scenario's device in the folder, runs the daemon on it as the scenario says, with the options for all
     else. Gives the broken promises, a line each."""
-    return list(boot(scenario, folder, options).broken())
+    return boot(scenario, folder, options).broken()
 
 
 def update(scenario: Scenario, folder: Path, options: sandbox.Options) -> List[str]:
@@ -59,7 +58,7 @@ def update(scenario: Scenario, folder: Path, options: sandbox.Options) -> List[s
         scenario.golden.write_text(run.masked_log(), "utf-8", "surrogateescape")
     except OSError as error:
         raise DeviceError(f"cannot write {scenario.golden}: {error.strerror}") from None
-    return list(run.broken())
+    return run.broken()
 
 
 def boot(scenario: Scenario, folder: Path, options: sandbox.Options) -> Boot:
@@ -92,17 +91,18 @@ class Boot:
         runs = groupby(lines, lambda line: REMOVED in line)
         return "".join(line for removed, run in runs for line in (sorted(run) if removed else run))
 
-    def broken(self) -> Iterator[str]:
-        for promise in self.all_broken():
-            yield "broken promise: " + promise
+    def broken(self) -> List[str]:
+        return ["broken promise: " + promise for promise in self.broken_promises()]
 
-    def all_broken(self) -> Iterator[str]:
+    def broken_promises(self) -> Iterator[str]:
         if self.run.timed_out:
             yield "the daemon ended within its time limit"
         if self.run.status != self.expect.status:
             yield f"exit status {self.expect.status}, found {self.run.status}"
-        for name, image in self.after.partitions.items():
-            yield from self.broken_partition(name, image)
+        if self.after.partitions.keys() != self.before.partitions.keys():
+            yield "the daemon makes and removes no partition"
+        for name in self.after.partitions.keys() & self.before.partitions.keys():
+            yield from differing_byte(name, self.expected_image(name), self.after.partitions[name])
         yield from self.broken_dump_folder()
         yield from self.broken_fulldump()
         yield from self.broken_history()
@@ -128,20 +128,6 @@ class Boot:
                 image.put(dump.offset, bytes(len(dump.header)))
         return image
 
-    def broken_partition(self, name: str, image: Image) -> Iterator[str]:
-        if name not in self.before.partitions:
-            yield f"{name} is not made by the daemon"
-            return
-        expected = self.expected_image(name)
-        if image.size != expected.size:
-            yield f"{name} keeps its size"
-        for offset in sorted(image.blocks.keys() | expected.blocks.keys()):
-            found, promised = (each.read(offset, device.BLOCK) for each in (image, expected))
-            if found != promised:
-                other = next(at for at, (is_, ought) in enumerate(zip(found, promised)) if is_ != ought)
-                yield f"{name} as promised; the first other byte is at offset {offset + other}"
-                return
-
     def broken_dump_folder(self) -> Iterator[str]:
         added = self.after.dumps - self.before.dumps
         wanted = " ".join(self.expect.collected) or "nothing"
@@ -159,11 +145,11 @@ class Boot:
 
     def broken_file(self, file: Path) -> Iterator[str]:
         if file.name in records.LOG_REGIONS:
-            if file.read_bytes() != phone.strings(self.region_before(records.LOG_REGIONS[file.name])):
+            if content(file) != phone.strings(self.region_before(records.LOG_REGIONS[file.name])):
                 yield f"{file.name} holds the text of its region"
         elif file.name == phone.RAWDUMP_NAME:
             try:
-                if gzip.decompress(file.read_bytes()) != self.region_before(records.MINIDUMP_REGION):
+                if gzip.decompress(content(file)) != self.region_before(records.MINIDUMP_REGION):
                     yield f"{file.name} unpacks to the minidump region"
             except (EOFError, OSError, zlib.error) as error:
                 yield f"{file.name} is a whole gzip file; found: {error}"
@@ -178,29 +164,20 @@ class Boot:
         if phone.DONE_NAME not in self.after.fulldumps:
             yield "the full dump is closed by its marker"
         size = dump.size + -dump.size % records.COPY_CHUNK
-        content = (on_device(self.folder, phone.FULLDUMPLOG) / added[0]).read_bytes()
-        if content != self.region_before(records.Region(records.USERDATA, dump.offset, size)):
+        file = on_device(self.folder, phone.FULLDUMPLOG) / added[0]
+        if content(file) != self.region_before(records.Region(records.USERDATA, dump.offset, size)):
             yield "the full dump holds the bytes of userdata"
 
     def broken_history(self) -> Iterator[str]:
         wanted = self.expect.history
         expected = b"" if wanted and wanted.renewed else self.before.history
         if wanted:
-            line = phone.history_line(wanted.reason, self.time, wanted.category)
-            expected += line.encode("utf-8")
-        if self.after.history == expected:
-            return
-        if not wanted:
-            yield "no new line in the history"
-            return
-        found, _ = phone.parse_history(self.after.history.decode("utf-8", "surrogateescape"))
-        last = f"{found[-1].category}, {found[-1].reason}" if found else "nothing"
-        promise = f"history with one more line, category {wanted.category}, reason {wanted.reason}"
-        yield f"{printable(promise)}; its last line says {printable(last)}"
+            expected += phone.history_line(wanted.reason, self.time, wanted.category).encode("utf-8")
+        yield from differing_line("the history", as_text(expected), as_text(self.after.history))
 
     def broken_log(self) -> Iterator[str]:
         if self.scenario.golden.exists():
-            golden = self.scenario.golden.read_text("utf-8", "surrogateescape")
+            golden = as_text(content(self.scenario.golden))
             yield from differing_line("the log", golden, self.masked_log())
         elif self.scenario.is_shipped:
             yield f"the log of {self.scenario.golden}; vortadev check --update {self.scenario.name} writes it"
@@ -214,7 +191,7 @@ class Boot:
     def broken_output(self) -> Iterator[str]:
         """The daemon echoes each message to standard error, where a line feed at its end makes an empty line."""
         echo = "".join(f"[vorta] {line.partition(': ')[2]}\n" for line in self.run.log.split("\n")[:-1])
-        err = self.run.err.decode("utf-8", "surrogateescape")
+        err = as_text(self.run.err)
         if self.echoes:
             yield from differing_line("standard error", echo.replace("\\n", "\n"), err.replace("\n\n", "\n"))
         if self.run.out != OUTPUT:
@@ -227,16 +204,35 @@ class Boot:
         for path in self.expect.gone:
             if os.path.lexists(self.folder / "data" / path):
                 yield f"/data/{path} is gone"
-        file = on_device(self.folder, device.FACTORY_EVENTS)
-        found = file.read_text("utf-8", "surrogateescape") if file.exists() else ""
-        yield from differing_line("the factory events", "".join(f"{e}\n" for e in self.expect.factory_events), found)
+        expected = "".join(event + "\n" for event in self.expect.factory_events)
+        found = content(on_device(self.folder, device.FACTORY_EVENTS))
+        yield from differing_line("the factory events", expected, as_text(found))
+
+
+def content(file: Path) -> bytes:
+    return file.read_bytes() if file.is_file() else b""
+
+
+def as_text(data: bytes) -> str:
+    return data.decode("utf-8", "surrogateescape")
+
+
+def differing_byte(name: str, expected: Image, found: Image) -> Iterator[str]:
+    """Where the partition's first other byte is."""
+    if found.size != expected.size:
+        yield f"{name} keeps its size"
+    for offset in sorted(found.blocks.keys() | expected.blocks.keys()):
+        block, promised = (image.read(offset, device.BLOCK) for image in (found, expected))
+        for index, (byte, other) in enumerate(zip(block, promised) if block != promised else ()):
+            if byte != other:
+                yield f"{name} as promised; the first other byte is at offset {offset + index}"
+                return
 
 
 def differing_line(what: str, expected: str, found: str) -> Iterator[str]:
     """The first line in which the texts differ."""
-    end = ["its end"]
-    pairs = zip(expected.split("\n")[:-1] + end, found.split("\n")[:-1] + end)
+    pairs = zip_longest(expected.split("\n"), found.split("\n"), fillvalue="nothing")
     for number, (promised, line) in enumerate(pairs, 1):
         if promised != line:
-            yield f"line {number} of {what}: {printable(promised)}; found {printable(line)}"
+            yield f"line {number} of {what}: {printable(promised) or 'its end'}; found {printable(line) or 'its end'}"
             return

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 from dataclasses import dataclass
 from random import Random
-from typing import List, Sequence, Tuple, TypeVar
+from typing import List, Sequence, TypeVar
 
 from . import phone
 
@@ -13,6 +13,36 @@ PAGE = 4096
 DISTINCT = 200  # pages of a dump, or lines of a log, that differ; more of them would only take time
 SHORT_LOG = 8192  # bytes that a log has unless it is full: the phone's `strings` is slow where there is much text
 CHUNK = 1 << 20
+
+# How each component logs. In the lines '#' stands for a hexadecimal and '%' for a decimal digit.
+BOOT_LOADER = (
+    "pm_device_init, Start, Delta %%% us",
+    "DDR Frequency, %%%% MHz",
+    "PM: PON REASON: 0x######",
+    "Auth Metadata, Delta %%% us, hash ########",
+    "UFS INQUIRY ID: lun %, serial ########",
+    "ABL: slot _a active, retry %",
+)
+KERNEL = (
+    "init: Service 'vendor.sensors' (pid %%%%) exited with status %",
+    "binder: %%%%:%%%% transaction failed 29189/-22, size %%-0",
+    "healthd: battery l=%% v=%%%% t=2%.% h=2 st=3",
+    "ufshcd-qcom 1d84000.ufshc: gear %, lanes 2, clk scaling %",
+    "audit: type=1400 avc: denied { read } pid=%%%%",
+    "thermal thermal_zone%%: temperature %%%%% mC",
+)
+TRUST_ZONE = (
+    "qsee: app %% loaded at 0x########",
+    "TZBSP: SMC 0x######## core %",
+    "qsee: listener 0x#### request, len %%%",
+    "xPU: client 0x## address 0x######## granted",
+)
+LOG_STYLES = {  # the format of a time stamp in seconds, and lines
+    "xbl_abl": ("B - %10.6f - ", BOOT_LOADER),
+    "last_xbl_abl": ("B - %10.6f - ", BOOT_LOADER),
+    "last_kmsg": ("[%12.6f] ", KERNEL),
+    "tz_log": ("(%10.4f) ", TRUST_ZONE),
+}
 
 # Takes the printable characters out of random bytes, so that the text of a log is exactly its lines.
 UNPRINTABLE = bytes(byte if byte >= 0x80 else byte % 8 for byte in range(256))
@@ -30,73 +60,6 @@ class Fill:
     full: bool = False  # of "phone": a log fills its range
 
 
-@dataclass(frozen=True)
-class LogStyle:
-    """How a component logs. In the lines, '#' stands for a hexadecimal and '%' for a decimal digit."""
-
-    stamp: str  # format of the time in seconds
-    step: float  # seconds between two lines at most
-    opening: Tuple[str, ...]
-    body: Tuple[str, ...]
-
-
-BOOT_LOADER = LogStyle(
-    "B - %10.6f - ",
-    0.004,
-    (
-        "Format: Log Type - Time(s) - Message",
-        "PBL, Start",
-        "bootable_media_detect, Start",
-        "XBL Start, Chip Serial 0x####%%%%",
-    ),
-    (
-        "pm_device_init, Start, Delta %%% us",
-        "DDR Frequency, %%%% MHz",
-        "PM: PON REASON: 0x######",
-        "Image Load, Start: partition %%",
-        "Auth Metadata, Delta %%% us, hash ########",
-        "UFS INQUIRY ID: lun %, serial ########",
-        "ABL: slot _a active, retry %",
-    ),
-)
-KERNEL = LogStyle(
-    "[%12.6f] ",
-    0.02,
-    (
-        "Booting Linux on physical CPU 0x0000000000 [0x412fd050]",
-        "Linux version 5.4.147-qgki (build@host) SMP PREEMPT",
-        "Kernel command line: console=ttyMSM0,115200n8",
-    ),
-    (
-        "init: Service 'vendor.sensors' (pid %%%%) exited with status %",
-        "binder: %%%%:%%%% transaction failed 29189/-22, size %%-0",
-        "healthd: battery l=%% v=%%%% t=2%.% h=2 st=3",
-        "ufshcd-qcom 1d84000.ufshc: gear %, lanes 2, clk scaling %",
-        "cpufreq: cluster % at 1%%%% MHz",
-        "audit: type=1400 avc: denied { read } pid=%%%%",
-        "thermal thermal_zone%%: temperature %%%%% mC",
-    ),
-)
-TRUST_ZONE = LogStyle(
-    "(%10.4f) ",
-    0.01,
-    ("TZ log, version 2", "Boot entry, core 0", "xPU static configuration done"),
-    (
-        "qsee: app %% loaded at 0x########",
-        "TZBSP: SMC 0x######## core %",
-        "qsee: listener 0x#### request, len %%%",
-        "xPU: client 0x## address 0x######## granted",
-    ),
-)
-LOG_STYLES = {"xbl_abl": BOOT_LOADER, "last_xbl_abl": BOOT_LOADER, "last_kmsg": KERNEL, "tz_log": TRUST_ZONE}
-PAST_BOOTS = (
-    ("reboot", "NORMALBOOT"),
-    ("reboot_longkey", "NORMALBOOT"),
-    ("panic", "AP_CRASH"),
-    ("XVDD", "HARDWARE_FAULT"),
-)
-
-
 def is_known(name: str) -> bool:
     """Whether it is known what a phone leaves under this name."""
     return name in LOG_STYLES or name in (MINIDUMP, phone.HISTORY_NAME)
@@ -104,13 +67,15 @@ def is_known(name: str) -> bool:
 
 def render(fill: Fill, name: str = "") -> bytes:
     """The bytes of a fill, exactly its size; the name selects what a phone leaves."""
+    random = Random(fill.seed)
     if fill.kind == "random":
-        return random_bytes(fill.size, Random(fill.seed))
-    data = fill.data
-    if fill.kind == "phone" and name in LOG_STYLES:
-        data = log_content(LOG_STYLES[name], fill)
-    elif fill.kind == "phone":
-        data = {MINIDUMP: memory, phone.HISTORY_NAME: history}[name](fill.size, Random(fill.seed))
+        data = b"".join(random.randbytes(min(CHUNK, fill.size - at)) for at in range(0, fill.size, CHUNK))
+    elif fill.kind == "bytes":
+        data = fill.data
+    elif name in LOG_STYLES:
+        data = log(fill, *LOG_STYLES[name], random)
+    else:
+        data = memory(fill.size, random) if name == MINIDUMP else history(fill.size, random)
     return data[: fill.size].ljust(fill.size, b"\0")
 
 
@@ -122,40 +87,29 @@ def one_of(choices: Sequence[T], random: Random) -> T:
     return choices[below(len(choices), random)]
 
 
-def random_bytes(size: int, random: Random) -> bytes:
-    return b"".join(random.randbytes(min(CHUNK, size - at)) for at in range(0, size, CHUNK))
-
-
 def filled(pattern: str, random: Random) -> str:
     digits = {"#": "0123456789abcdef", "%": "0123456789"}
     return "".join(one_of(digits[char], random) if char in digits else char for char in pattern)
 
 
-def log_content(style: LogStyle, fill: Fill) -> bytes:
+def log(fill: Fill, stamp: str, patterns: Sequence[str], random: Random) -> bytes:
     """Lines behind binary record headings, then unused space, as in a log that has not wrapped."""
-    random = Random(fill.seed)
-    seconds = 0.0
-    log = bytearray()
-
-    def add(line: str) -> None:
-        nonlocal seconds
-        log.extend(f"{style.stamp % seconds}{line}\n".encode("utf-8"))
-        seconds += style.step * random.random()
-
-    for line in style.opening:
-        add(filled(line, random))
-    lines = [filled(one_of(style.body, random), random) for _ in range(DISTINCT)]
+    lines = [filled(one_of(patterns, random), random) for _ in range(DISTINCT)]
     closing = fill.data.decode("utf-8").splitlines()
-    room = fill.size - sum(len(line) + 64 for line in closing) - 2048  # behind the last lines below
+    room = fill.size - sum(len(line) + 64 for line in closing) - 2048  # the last record may go beyond it
     end = min(fill.size * 9 // 10 if fill.full else SHORT_LOG, room)
-    while len(log) < end:
-        log.extend(random.randbytes(16).translate(UNPRINTABLE))
-        for _ in range(1 + below(12, random)):
-            add(one_of(lines, random))
-    log.extend(random.randbytes(8).translate(UNPRINTABLE))
-    for line in closing:
-        add(line)
-    return bytes(log)
+    text = bytearray()
+    while len(text) < end:
+        add_record(text, stamp, [one_of(lines, random) for _ in range(1 + below(12, random))], random)
+    add_record(text, stamp, closing, random)
+    return bytes(text)
+
+
+def add_record(text: bytearray, stamp: str, lines: Sequence[str], random: Random) -> None:
+    text.extend(random.randbytes(16).translate(UNPRINTABLE))
+    for line in lines:
+        seconds = len(text) / 10000  # time grows with the log
+        text.extend(f"{stamp % seconds}{line}\n".encode("utf-8"))
 
 
 def memory_page(random: Random) -> bytes:
@@ -166,8 +120,7 @@ def memory_page(random: Random) -> bytes:
         words = [random.getrandbits(8) if below(4, random) == 0 else base + 8 * below(4096, random) for _ in range(512)]
         return b"".join(word.to_bytes(8, "little") for word in words)
     if kind < 11:
-        style = one_of(list(LOG_STYLES.values()), random)
-        lines = [filled(line, random) for line in style.body]
+        lines = [filled(line, random) for line in one_of((BOOT_LOADER, KERNEL, TRUST_ZONE), random)]
         return "\0".join(one_of(lines, random) for _ in range(PAGE // 16)).encode("ascii")[:PAGE]
     return random.randbytes(PAGE) if kind > 13 else bytes(PAGE)
 
@@ -185,8 +138,7 @@ def history(size: int, random: Random) -> bytes:
         hour = len(lines)
         time = f"{2024 + hour // 8064}{hour // 672 % 12 + 1:02}{hour // 24 % 28 + 1:02}{hour % 24:02}"
         time += f"{below(60, random):02}{below(60, random):02}-{below(10**8, random):08}"
-        reason, category = one_of(PAST_BOOTS, random)
-        line = phone.history_line(reason, time, category)
+        line = phone.history_line(one_of(("reboot", "reboot_longkey"), random), time, "NORMALBOOT")
         if len(line) > left:
             break
         lines.append(line)

@@ -223,10 +223,10 @@ def differing_byte(name: str, expected: Image, found: Image) -> Iterator[str]:
         yield f"{name} keeps its size"
     for offset in sorted(found.blocks.keys() | expected.blocks.keys()):
         block, promised = (image.read(offset, device.BLOCK) for image in (found, expected))
-        for index, (byte, other) in enumerate(zip(block, promised) if block != promised else ()):
-            if byte != other:
-                yield f"{name} as promised; the first other byte is at offset {offset + index}"
-                return
+        if block != promised:
+            index = next((i for i, pair in enumerate(zip(block, promised)) if pair[0] != pair[1]), 0)
+            yield f"{name} as promised; the first other byte is at offset {offset + index}"
+            return
 
 
 def differing_line(what: str, expected: str, found: str) -> Iterator[str]:

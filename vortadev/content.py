@@ -93,23 +93,23 @@ def filled(pattern: str, random: Random) -> str:
 
 
 def log(fill: Fill, stamp: str, patterns: Sequence[str], random: Random) -> bytes:
-    """Lines behind binary record headings, then unused space, as in a log that has not wrapped."""
+    """Lines behind binary record headings. Both ends of the range hold some, so that a copy that lacks one shows."""
     lines = [filled(one_of(patterns, random), random) for _ in range(DISTINCT)]
-    closing = fill.data.decode("utf-8").splitlines()
-    room = fill.size - sum(len(line) + 64 for line in closing) - 2048  # the last record may go beyond it
-    end = min(fill.size * 9 // 10 if fill.full else SHORT_LOG, room)
+    last = record(fill.size, stamp, fill.data.decode("utf-8").splitlines() or lines[:1], random)
+    end = min(fill.size * 9 // 10 if fill.full else SHORT_LOG, fill.size - len(last) - PAGE)
     text = bytearray()
     while len(text) < end:
-        add_record(text, stamp, [one_of(lines, random) for _ in range(1 + below(12, random))], random)
-    add_record(text, stamp, closing, random)
-    return bytes(text)
+        some = [one_of(lines, random) for _ in range(1 + below(12, random))]
+        text.extend(record(len(text), stamp, some, random))
+    return bytes(text).ljust(fill.size - len(last), b"\0") + last
 
 
-def add_record(text: bytearray, stamp: str, lines: Sequence[str], random: Random) -> None:
-    text.extend(random.randbytes(16).translate(UNPRINTABLE))
+def record(offset: int, stamp: str, lines: Sequence[str], random: Random) -> bytes:
+    text = bytearray(random.randbytes(16).translate(UNPRINTABLE))
     for line in lines:
-        seconds = len(text) / 10000  # time grows with the log
+        seconds = (offset + len(text)) / 10000  # time grows with the log
         text.extend(f"{stamp % seconds}{line}\n".encode("utf-8"))
+    return bytes(text)
 
 
 def memory_page(random: Random) -> bytes:

@@ -200,7 +200,7 @@ def read_logs(node: Node, seed: int) -> Dict[str, Fill]:
         # Where a range begins inside of another one, each fills its own part.
         later = [other.offset for other in records.LOG_REGIONS.values() if other.offset > region.offset]
         own = min([region.size] + [offset - region.offset for offset in later])
-        logs[name] = read_fill(node[name], name, own, seed if node[name] else seed + index + 1)
+        logs[name] = read_fill(node[name], name, own, seed + index)
     return logs
 
 

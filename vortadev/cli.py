@@ -31,7 +31,10 @@ COMMANDS = {
 
 
 class Parser(argparse.ArgumentParser):
-    """Complains in one line."""
+    """Complains in one line, also where its help cannot be written."""
+
+    def print_help(self, file: Any = None) -> None:
+        say(self.format_help())
 
     def error(self, message: str) -> NoReturn:
         complain(f"{message[9:] if message.startswith('argument ') else message}; {self.prog} --help tells more")

@@ -77,7 +77,7 @@ def recognised(path: Path) -> str:
             return kind
     raise DeviceError(
         f"{path}: expected an image of {records.RAWDUMP} or {records.BOOTFAIL}, found the record of neither; "
-        f"--as {records.RAWDUMP} reads it nevertheless"
+        f"--as {records.RAWDUMP} or --as {records.BOOTFAIL} reads it nevertheless"
     )
 
 
@@ -107,7 +107,7 @@ def read_file(path: Path, kind: str, report: Report) -> None:
     with path.open("rb") as file:
         size = file.seek(0, os.SEEK_END)
     if size < end:
-        report["description"] = f"The first {size_text(size)}; all that is looked for reaches to {size_text(end)}"
+        report["description"] = f"Cut off: the first {size_text(size)} of at least {size_text(end)} are there"
     if kind == records.RAWDUMP:
         read_rawdump(path, report)
     else:
@@ -176,6 +176,7 @@ def list_folder(folder: Path) -> Dict[str, bool]:
 
 
 def read_folder(path: Path, report: Report) -> None:
+    list_folder(path)  # says why, if it cannot be read at all
     if devices.is_device(path):
         read_device(path, report)
         return
@@ -243,22 +244,22 @@ def read_reliability(folder: Path, report: Report) -> None:
 def read_dumplog(folder: Path, report: Report) -> None:
     try:
         entries = list_folder(folder)
+        report["dumps"] = [read_collected(folder / name) for name, is_folder in entries.items() if is_folder]
+        if phone.HISTORY_NAME in entries:
+            report["history"] = read_history(folder / phone.HISTORY_NAME)
     except DeviceError as error:
         report["problems"].append(printable(str(error)))
-        return
-    report["dumps"] = [read_collected(folder / name) for name, is_folder in entries.items() if is_folder]
-    if phone.HISTORY_NAME in entries:
-        report["history"] = read_history(folder / phone.HISTORY_NAME)
 
 
 def read_collected(folder: Path) -> Report:
     """A folder of one collected boot, or the full dump folder: the files of all levels."""
     sizes: Dict[str, int] = {}
     errors: List[OSError] = []
-    for parent, _, names in os.walk(folder, onerror=errors.append):
-        for path in (Path(parent, name) for name in names):
+    for parent, folders, names in os.walk(folder, onerror=errors.append):
+        for path in (Path(parent, name) for name in folders + names):
             found = path.lstat()
-            sizes[path.relative_to(folder).as_posix()] = found.st_size if stat.S_ISREG(found.st_mode) else 0
+            if not stat.S_ISDIR(found.st_mode):  # a link may lead to one
+                sizes[path.relative_to(folder).as_posix()] = found.st_size if stat.S_ISREG(found.st_mode) else 0
     report: Report = {
         "name": printable(folder.name),
         "size": sum(sizes.values()),
@@ -271,16 +272,10 @@ def read_collected(folder: Path) -> Report:
 
 
 def read_history(path: Path) -> Report:
-    report: Report = {"size": 0, "damagedBytes": 0, "entries": []}
-    try:
-        data = bytes_of(path, 0, HISTORY_READ_LIMIT)
-        report["size"] = path.lstat().st_size
-        if report["size"] > len(data):
-            report["problem"] = f"only the first {size_text(len(data))} were looked at"
-    except DeviceError as error:
-        return {**report, "problem": printable(str(error))}
-    entries, report["damagedBytes"] = phone.parse_history(data.decode("latin-1"))  # a character a byte
-    for entry in entries:
-        texts = {name: text_of(value.encode("latin-1")) for name, value in vars(entry).items()}
-        report["entries"].append(texts)
+    data = bytes_of(path, 0, HISTORY_READ_LIMIT)
+    entries, damaged = phone.parse_history(data.decode("latin-1"))  # a character a byte
+    texts = [{name: text_of(value.encode("latin-1")) for name, value in vars(entry).items()} for entry in entries]
+    report: Report = {"size": path.lstat().st_size, "damagedBytes": damaged, "entries": texts}
+    if report["size"] > len(data):
+        report["problem"] = f"only the first {size_text(len(data))} were looked at"
     return report

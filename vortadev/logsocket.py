@@ -7,19 +7,20 @@ import syslog
 from pathlib import Path
 from typing import List
 
-LOGCAT = "logcat.txt"  # in the device folder: the log of all its runs
+from .device import LOGCAT_FILE
+
 MAX_DATAGRAM = 8192
 STAMP_SIZE = len("Mmm dd hh:mm:ss ")
 
 
 class LogSocket:
-    """Listens at `path`. What arrives is kept in `lines` and appended to the device's LOGCAT."""
+    """Listens at `path`. What arrives is kept in `lines` and appended to the device's log file."""
 
     def __init__(self, device: Path) -> None:
         self.path = device / ".log"
         self.lines: List[bytes] = []
         self.path.unlink(missing_ok=True)  # of a run that was killed
-        self._logcat = open(device / LOGCAT, "ab", buffering=0)
+        self._logcat = open(device / LOGCAT_FILE, "ab", buffering=0)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         # A socket's address holds 107 characters; the folder's own descriptor makes any path short.
         folder = os.open(device, os.O_RDONLY | os.O_DIRECTORY)

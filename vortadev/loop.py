@@ -8,7 +8,7 @@ import struct
 from pathlib import Path
 from typing import Tuple
 
-from vortadev.errors import DeviceError
+from .errors import DeviceError
 
 LOOP_CTL_GET_FREE, LOOP_CONFIGURE = 0x4C82, 0x4C0A
 LO_FLAGS_AUTOCLEAR = 4
@@ -23,7 +23,7 @@ def attach(file: Path) -> Tuple[str, int]:
     try:
         # Between asking for a free device and taking it another process may take the same one.
         for _ in range(ATTEMPTS):
-            path = f"/dev/loop{_free_number()}"
+            path = f"/dev/loop{free_number()}"
             device = os.open(path, os.O_RDWR)
             try:
                 fcntl.ioctl(device, LOOP_CONFIGURE, LOOP_CONFIG.pack(backing, LO_FLAGS_AUTOCLEAR))
@@ -37,7 +37,7 @@ def attach(file: Path) -> Tuple[str, int]:
         os.close(backing)
 
 
-def _free_number() -> int:
+def free_number() -> int:
     control = os.open("/dev/loop-control", os.O_RDWR)
     try:
         return fcntl.ioctl(control, LOOP_CTL_GET_FREE)

@@ -16,6 +16,8 @@ BUILD_PROP = "/vendor/build.prop"
 DAEMON = "/vendor/bin/vorta"
 FACTORY_LIBRARY = "/vendor/lib64/lib_factory_interface.so"
 SHELL = "/system/bin/sh"
+CORVEL, RAINBOW = ("-h", "boot"), ("-r", "boot")  # arguments of the daemon
+SERVICES = (CORVEL, RAINBOW)  # in the order in which init runs them
 
 # What is collected
 RELIABILITY = "/data/vendor/log/reliability"

@@ -9,10 +9,10 @@ import stat
 from pathlib import Path
 from typing import Any, Dict, List, Tuple
 
-from vortadev import device as devices
-from vortadev import phone, records
-from vortadev.errors import DeviceError, printable, size_text
-from vortadev.records import Kind, Record
+from . import device as devices
+from . import phone, records
+from .errors import DeviceError, printable, size_text
+from .records import Kind, Record
 
 Report = Dict[str, Any]
 
@@ -31,9 +31,9 @@ def read(path: Path, kind: str = "") -> Report:
     if stat.S_ISDIR(mode) and kind:
         raise DeviceError(f"{path}: expected a file that is read as {kind}, found a folder")
     if stat.S_ISDIR(mode):
-        _read_folder(path, report)
+        read_folder(path, report)
     elif stat.S_ISREG(mode) or stat.S_ISBLK(mode):
-        _read_file(path.resolve(), kind or _recognised(path.resolve()), report)
+        read_file(path.resolve(), kind or recognised(path.resolve()), report)
     else:
         raise DeviceError(f"{path} is no file or folder that can be shown")
     return report
@@ -52,14 +52,14 @@ def bytes_of(path: Path, offset: int, size: int) -> bytes:
         raise DeviceError(f"cannot read {path}: {error.strerror}") from error
 
 
-def _text(data: bytes) -> str:
+def text_of(data: bytes) -> str:
     return printable(data.decode("ascii", "surrogateescape"))
 
 
 # Files
 
 
-def _recognised(path: Path) -> str:
+def recognised(path: Path) -> str:
     """The kind of a file, by what it says itself; its name decides only where its size fits and its records are
     clear."""
     start = bytes_of(path, 0, records.REASON_HEADER.size)
@@ -67,7 +67,7 @@ def _recognised(path: Path) -> str:
         raise DeviceError(f"{path} is a packed dump, no partition image; gzip -dc unpacks it")
     if path.name == phone.HISTORY_NAME or start.startswith(phone.HISTORY_TEXTS[0].encode("ascii")):
         return phone.HISTORY_NAME
-    if _speaks(start):
+    if speaks(start):
         return records.RAWDUMP
     meta = bytes_of(path, records.META_REGION.offset, records.META_REGION.size)
     if records.FULLDUMP_META.number(meta, "magic") == records.META_MAGIC:
@@ -77,11 +77,11 @@ def _recognised(path: Path) -> str:
             return kind
     raise DeviceError(
         f"{path}: expected an image of {records.RAWDUMP} or {records.BOOTFAIL}, found the record of neither; "
-        f"--as {records.RAWDUMP} reads it nevertheless"
+        f"--as {records.RAWDUMP} or --as {records.BOOTFAIL} reads it nevertheless"
     )
 
 
-def _speaks(header: bytes) -> bool:
+def speaks(header: bytes) -> bool:
     """Whether some word of a reason header is one that only a reason header has there."""
     words = {
         "innerResetReason": (records.RESET_NORMAL, records.RESET_ABNORMAL),
@@ -97,27 +97,27 @@ def _speaks(header: bytes) -> bool:
     )
 
 
-def _read_file(path: Path, kind: str, report: Report) -> None:
+def read_file(path: Path, kind: str, report: Report) -> None:
     if kind == phone.HISTORY_NAME:
         report["kind"] = "history of a phone"
-        report["history"] = _history(path)
+        report["history"] = read_history(path)
         return
     report["kind"] = f"{kind} image"
     end = RAWDUMP_END if kind == records.RAWDUMP else BOOTFAIL_END
     with path.open("rb") as file:
         size = file.seek(0, os.SEEK_END)
     if size < end:
-        report["description"] = f"The first {size_text(size)}; all that is looked for reaches to {size_text(end)}"
+        report["description"] = f"Cut off: the first {size_text(size)} of at least {size_text(end)} are there"
     if kind == records.RAWDUMP:
-        _read_rawdump(path, report)
+        read_rawdump(path, report)
     else:
-        _read_bootfail(path, report)
+        read_bootfail(path, report)
 
 
 # Records
 
 
-def _record(image: Path, offset: int, record: Record) -> Tuple[Report, bytes]:
+def read_record(image: Path, offset: int, record: Record) -> Tuple[Report, bytes]:
     """The record's fields by their names, none if nothing of it can be read, and its bytes."""
     report: Report = {}
     try:
@@ -126,7 +126,7 @@ def _record(image: Path, offset: int, record: Record) -> Tuple[Report, bytes]:
         return {"problem": printable(str(error))}, b""
     for field in record.fields if data else ():
         if field.kind is Kind.TEXT:
-            report[field.name] = _text(record.text(data, field.name))
+            report[field.name] = text_of(record.text(data, field.name))
         else:
             number = record.number(data, field.name)
             report[field.name] = records.magic_text(number) if field.kind is Kind.MAGIC else number
@@ -135,38 +135,38 @@ def _record(image: Path, offset: int, record: Record) -> Tuple[Report, bytes]:
     return report, data
 
 
-def _dump_header(image: Path, offset: int) -> Report:
-    report, data = _record(image, offset, records.DUMP_HEADER)
+def read_dump_header(image: Path, offset: int) -> Report:
+    report, data = read_record(image, offset, records.DUMP_HEADER)
     return {**report, "waiting": bool(records.DUMP_HEADER.number(data, "flag") & 1), "offset": offset}
 
 
-def _read_rawdump(image: Path, report: Report) -> None:
-    report["reasonHeader"], _ = _record(image, records.REASON_REGION.offset, records.REASON_HEADER)
-    report["minidump"] = _dump_header(image, records.MINIDUMP_REGION.offset)
+def read_rawdump(image: Path, report: Report) -> None:
+    report["reasonHeader"], _ = read_record(image, records.REASON_REGION.offset, records.REASON_HEADER)
+    report["minidump"] = read_dump_header(image, records.MINIDUMP_REGION.offset)
 
 
-def _read_bootfail(image: Path, report: Report) -> None:
-    meta, data = _record(image, records.META_REGION.offset, records.FULLDUMP_META)
+def read_bootfail(image: Path, report: Report) -> None:
+    meta, data = read_record(image, records.META_REGION.offset, records.FULLDUMP_META)
     if data:
         meta["crcExpected"] = records.meta_crc(data)
         meta["crcHolds"] = meta["crc"] == meta["crcExpected"]
     report["meta"] = meta
 
 
-def _read_userdata(image: Path, report: Report) -> None:
+def read_userdata(image: Path, report: Report) -> None:
     """The header of the full dump that the meta record, or else the descriptor in rawdump, says is waiting."""
     meta, header = report["meta"], report["reasonHeader"]
     reserved = records.magic_text(records.FULLDUMP_RESERVED)
     if meta.get("reservedFlag") == reserved and meta["crcHolds"]:
-        report["fulldump"] = _dump_header(image, meta["dumpOffset"])
+        report["fulldump"] = read_dump_header(image, meta["dumpOffset"])
     elif header.get("fulldumpReservedFlag") == reserved:
-        report["fulldump"] = _dump_header(image, header["fulldumpOffset"])
+        report["fulldump"] = read_dump_header(image, header["fulldumpOffset"])
 
 
 # Folders
 
 
-def _entries(folder: Path) -> Dict[str, bool]:
+def list_folder(folder: Path) -> Dict[str, bool]:
     """The names in a folder in their order, and whether each is a folder itself."""
     try:
         with os.scandir(folder) as entries:
@@ -175,29 +175,30 @@ def _entries(folder: Path) -> Dict[str, bool]:
         raise DeviceError(f"cannot read {folder}: {error.strerror}") from error
 
 
-def _read_folder(path: Path, report: Report) -> None:
+def read_folder(path: Path, report: Report) -> None:
+    list_folder(path)  # says why, if it cannot be read at all
     if devices.is_device(path):
-        _read_device(path, report)
+        read_device(path, report)
         return
     folder = path.resolve()
-    kind = _pulled_kind(folder)
+    kind = pulled_kind(folder)
     if not kind:
-        folder, kind = _nested(folder)
+        folder, kind = nested_folder(folder)
         report["path"] = printable(str(folder))
     report["kind"] = kind
     if kind == "log folder of a phone":
-        _read_reliability(folder, report)
+        read_reliability(folder, report)
     elif kind == "full dump folder of a phone":
-        report["fulldumps"] = _collected(folder)
+        report["fulldumps"] = read_collected(folder)
     elif kind == "dump folder of a phone":
-        _read_dumplog(folder, report)
+        read_dumplog(folder, report)
     else:
-        report["dumps"] = [_collected(folder)]
+        report["dumps"] = [read_collected(folder)]
 
 
-def _pulled_kind(folder: Path) -> str:
+def pulled_kind(folder: Path) -> str:
     """What kind of folder of a phone this is; empty if it is none."""
-    entries = _entries(folder)
+    entries = list_folder(folder)
     dumplog, fulldumplog = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
     if entries.get(dumplog) or entries.get(fulldumplog):
         return "log folder of a phone"
@@ -209,17 +210,17 @@ def _pulled_kind(folder: Path) -> str:
     return "collected boot of a phone" if phone.RECORD_TIME.fullmatch(folder.name) else ""
 
 
-def _nested(folder: Path) -> Tuple[Path, str]:
+def nested_folder(folder: Path) -> Tuple[Path, str]:
     """The folder of a phone that lies in this one: what pulls it may put one around it."""
-    inside = [folder / name for name, is_folder in _entries(folder).items() if is_folder]
-    found = [(child, kind) for child in inside if os.access(child, os.R_OK) for kind in [_pulled_kind(child)] if kind]
+    inside = [folder / name for name, is_folder in list_folder(folder).items() if is_folder]
+    found = [(child, kind) for child in inside if os.access(child, os.R_OK) for kind in [pulled_kind(child)] if kind]
     if len(found) != 1:
         more = f"; it holds {len(found)}, which can be named" if found else ""
         raise DeviceError(f"{folder} is neither a simulated device nor a log folder of a phone{more}")
     return found[0]
 
 
-def _read_device(device: Path, report: Report) -> None:
+def read_device(device: Path, report: Report) -> None:
     report["kind"] = "simulated device"
     try:
         scenario = json.loads(bytes_of(device / devices.SCENARIO_FILE, 0, HISTORY_READ_LIMIT))
@@ -227,38 +228,38 @@ def _read_device(device: Path, report: Report) -> None:
     except (DeviceError, ValueError, AttributeError, RecursionError):
         pass  # what the device holds can be told without
     partitions = devices.on_device(device, phone.BLOCK_FOLDER)
-    _read_rawdump(partitions / records.RAWDUMP, report)
-    _read_bootfail(partitions / records.BOOTFAIL, report)
-    _read_userdata(partitions / records.USERDATA, report)
-    _read_reliability(devices.on_device(device, phone.RELIABILITY), report)
+    read_rawdump(partitions / records.RAWDUMP, report)
+    read_bootfail(partitions / records.BOOTFAIL, report)
+    read_userdata(partitions / records.USERDATA, report)
+    read_reliability(devices.on_device(device, phone.RELIABILITY), report)
 
 
-def _read_reliability(folder: Path, report: Report) -> None:
-    _read_dumplog(folder / Path(phone.DUMPLOG).name, report)
+def read_reliability(folder: Path, report: Report) -> None:
+    read_dumplog(folder / Path(phone.DUMPLOG).name, report)
     fulldumps = folder / Path(phone.FULLDUMPLOG).name
     if fulldumps.is_dir() and not fulldumps.is_symlink():
-        report["fulldumps"] = _collected(fulldumps)
+        report["fulldumps"] = read_collected(fulldumps)
 
 
-def _read_dumplog(folder: Path, report: Report) -> None:
+def read_dumplog(folder: Path, report: Report) -> None:
     try:
-        entries = _entries(folder)
+        entries = list_folder(folder)
+        report["dumps"] = [read_collected(folder / name) for name, is_folder in entries.items() if is_folder]
+        if phone.HISTORY_NAME in entries:
+            report["history"] = read_history(folder / phone.HISTORY_NAME)
     except DeviceError as error:
         report["problems"].append(printable(str(error)))
-        return
-    report["dumps"] = [_collected(folder / name) for name, is_folder in entries.items() if is_folder]
-    if phone.HISTORY_NAME in entries:
-        report["history"] = _history(folder / phone.HISTORY_NAME)
 
 
-def _collected(folder: Path) -> Report:
+def read_collected(folder: Path) -> Report:
     """A folder of one collected boot, or the full dump folder: the files of all levels."""
     sizes: Dict[str, int] = {}
     errors: List[OSError] = []
-    for parent, _, names in os.walk(folder, onerror=errors.append):
-        for path in (Path(parent, name) for name in names):
+    for parent, folders, names in os.walk(folder, onerror=errors.append):
+        for path in (Path(parent, name) for name in folders + names):
             found = path.lstat()
-            sizes[path.relative_to(folder).as_posix()] = found.st_size if stat.S_ISREG(found.st_mode) else 0
+            if not stat.S_ISDIR(found.st_mode):  # a link may lead to one
+                sizes[path.relative_to(folder).as_posix()] = found.st_size if stat.S_ISREG(found.st_mode) else 0
     report: Report = {
         "name": printable(folder.name),
         "size": sum(sizes.values()),
@@ -270,17 +271,11 @@ def _collected(folder: Path) -> Report:
     return report
 
 
-def _history(path: Path) -> Report:
-    report: Report = {"size": 0, "damagedBytes": 0, "entries": []}
-    try:
-        data = bytes_of(path, 0, HISTORY_READ_LIMIT)
-        report["size"] = path.lstat().st_size
-        if report["size"] > len(data):
-            report["problem"] = f"only the first {size_text(len(data))} were looked at"
-    except DeviceError as error:
-        return {**report, "problem": printable(str(error))}
-    entries, report["damagedBytes"] = phone.parse_history(data.decode("latin-1"))  # a character a byte
-    for entry in entries:
-        texts = {name: _text(value.encode("latin-1")) for name, value in vars(entry).items()}
-        report["entries"].append(texts)
+def read_history(path: Path) -> Report:
+    data = bytes_of(path, 0, HISTORY_READ_LIMIT)
+    entries, damaged = phone.parse_history(data.decode("latin-1"))  # a character a byte
+    texts = [{name: text_of(value.encode("latin-1")) for name, value in vars(entry).items()} for entry in entries]
+    report: Report = {"size": path.lstat().st_size, "damagedBytes": damaged, "entries": texts}
+    if report["size"] > len(data):
+        report["problem"] = f"only the first {size_text(len(data))} were looked at"
     return report

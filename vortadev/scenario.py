@@ -149,7 +149,7 @@ def read_scenario(root: Node, file: Path) -> Scenario:
         description=root["description"].text(),
         file=file,
         source=json.dumps(root.value, indent=2, ensure_ascii=False) + "\n",
-        arguments=run["arguments"].texts(["-r", "boot"]),
+        arguments=run["arguments"].texts(phone.RAINBOW),
         data_size=run["dataSize"].size() if run["dataSize"] else None,
         partitions=partitions,
         properties=read_properties(root["properties"]),

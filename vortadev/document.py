@@ -11,7 +11,7 @@ from .errors import DeviceError, printable
 
 SHIPPED = Path(__file__).parent / "scenarios"
 LARGEST = 2**64 - 1
-SIZE = re.compile(r"([0-9]+) *(|B|KiB|MiB|GiB)")
+SIZE = re.compile(r"([0-9]{1,20}) *(|B|KiB|MiB|GiB)")
 SHIFTS = {"": 0, "B": 0, "KiB": 10, "MiB": 20, "GiB": 30}
 # Where null says that the phone does not have it; elsewhere it takes a key of the base away.
 NULL_IS_A_VALUE = re.compile(r"ponLog|boardId|partitions\.[^.]*")

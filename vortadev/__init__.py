@@ -1,0 +1,3 @@
+"""The host tool: a simulated phone, and what reads a phone's partitions and collected logs."""
+
+__version__ = "1.0"

@@ -1,0 +1,238 @@
+"""Holds a boot against what its scenario promises: every partition byte, the files of the new dump folder with their
+content, the history, the whole log."""
+from __future__ import annotations
+
+from dataclasses import dataclass, replace
+import gzip
+from itertools import groupby, zip_longest
+import os
+from pathlib import Path
+import re
+from typing import Dict, Iterator, List, Set
+import zlib
+
+from . import device, phone, records, sandbox
+from .device import Image, on_device
+from .errors import DeviceError, printable
+from .scenario import Scenario
+
+ANY_TIME = "TIME"  # stands for the time of the run in golden logs
+RECORD_TIME = re.compile(rf"\[GetRecordTime\] get time \[({phone.RECORD_TIME.pattern})\]")
+REMOVED = "[FullDumpSizeCheck] remove FileName"
+OUTPUT = b"StartVorta\n"
+
+
+@dataclass
+class State:
+    """What a run may change."""
+
+    partitions: Dict[str, Image]
+    dumps: Set[str]  # names of the folders in dumplog
+    fulldumps: Set[str]  # names of all entries of fulldumplog
+    history: bytes
+
+
+def read_state(folder: Path) -> State:
+    return State(
+        device.read_partitions(folder),
+        {entry.name for entry in entries(on_device(folder, phone.DUMPLOG)) if entry.is_dir()},
+        {entry.name for entry in entries(on_device(folder, phone.FULLDUMPLOG))},
+        content(on_device(folder, phone.HISTORY)),
+    )
+
+
+def entries(folder: Path) -> List[Path]:
+    return list(folder.iterdir()) if folder.is_dir() else []
+
+
+def check(scenario: Scenario, folder: Path, options: sandbox.Options) -> List[str]:
+    """Makes the scenario's device in the folder, runs the daemon on it as the scenario says, with the options for all
+    else. Gives the broken promises, a line each."""
+    return boot(scenario, folder, options).broken()
+
+
+def update(scenario: Scenario, folder: Path, options: sandbox.Options) -> List[str]:
+    """The same, but the log of this boot is promised from now on."""
+    run = boot(scenario, folder, options)
+    try:
+        scenario.golden.write_text(run.masked_log(), "utf-8", "surrogateescape")
+    except OSError as error:
+        raise DeviceError(f"cannot write {scenario.golden}: {error.strerror}") from None
+    return run.broken()
+
+
+def boot(scenario: Scenario, folder: Path, options: sandbox.Options) -> Boot:
+    device.create(folder, scenario)
+    before = read_state(folder)
+    options = replace(options, data_size=scenario.data_size)
+    run = sandbox.run(folder, scenario.arguments, options, capture=True)
+    return Boot(scenario, folder, before, run, echoes=not options.wrapper)
+
+
+@dataclass
+class Boot:
+    """A run that has ended on a device. `broken` gives the promises that it broke."""
+
+    scenario: Scenario
+    folder: Path
+    before: State
+    run: sandbox.Run
+    echoes: bool = True  # standard error holds what the daemon wrote there, and nothing else
+
+    def __post_init__(self) -> None:
+        self.expect = self.scenario.expect
+        self.after = read_state(self.folder)
+        found = RECORD_TIME.search(self.run.log)
+        self.time = found[1] if found else ANY_TIME
+
+    def masked_log(self) -> str:
+        """The log with nothing in it that varies: the time of the run, the order in which a folder was emptied."""
+        lines = self.run.log.replace(self.time, ANY_TIME).splitlines(keepends=True)
+        runs = groupby(lines, lambda line: REMOVED in line)
+        return "".join(line for removed, run in runs for line in (sorted(run) if removed else run))
+
+    def broken(self) -> List[str]:
+        return ["broken promise: " + promise for promise in self.broken_promises()]
+
+    def broken_promises(self) -> Iterator[str]:
+        if self.run.timed_out:
+            yield "the daemon ended within its time limit"
+        if self.run.status != self.expect.status:
+            yield f"exit status {self.expect.status}, found {self.run.status}"
+        if self.after.partitions.keys() != self.before.partitions.keys():
+            yield "the daemon makes and removes no partition"
+        for name in self.after.partitions.keys() & self.before.partitions.keys():
+            yield from differing_byte(name, self.expected_image(name), self.after.partitions[name])
+        yield from self.broken_dump_folder()
+        yield from self.broken_fulldump()
+        yield from self.broken_history()
+        yield from self.broken_log()
+        yield from self.broken_output()
+        yield from self.broken_files()
+
+    def region_before(self, region: records.Region) -> bytes:
+        return self.before.partitions.get(region.partition, Image(0)).read(region.offset, region.size)
+
+    def expected_image(self, name: str) -> Image:
+        """The partition before the run with the bytes that the scenario lets it change."""
+        image = Image(self.before.partitions[name].size, dict(self.before.partitions[name].blocks))
+        if name == records.RAWDUMP:
+            image.put(records.REASON_REGION.offset, self.expect.reason_header)
+        elif name == records.BOOTFAIL:
+            image.put(records.META_REGION.offset, self.expect.meta)
+        dumps = {"minidump": (records.RAWDUMP, self.scenario.minidump)}
+        if self.scenario.fulldump:
+            dumps["fulldump"] = (records.USERDATA, self.scenario.fulldump)
+        for kind, (partition, dump) in dumps.items():
+            if partition == name and kind in self.expect.cleared:
+                image.put(dump.offset, bytes(len(dump.header)))
+        return image
+
+    def broken_dump_folder(self) -> Iterator[str]:
+        added = self.after.dumps - self.before.dumps
+        wanted = " ".join(self.expect.collected) or "nothing"
+        if len(added) != (1 if self.expect.collected else 0):
+            yield f"new dump folder with {wanted}; found {len(added)} new folders"
+        elif added:
+            folder = on_device(self.folder, phone.DUMPLOG) / added.pop()
+            names = sorted(entry.name for entry in folder.iterdir())
+            if folder.name != self.time:
+                yield "the dump folder is named by the run's time"
+            if names != self.expect.collected:
+                yield f"dump folder with {wanted}; found {' '.join(names) or 'nothing'}"
+            for name in names:
+                yield from self.broken_file(folder / name)
+
+    def broken_file(self, file: Path) -> Iterator[str]:
+        if file.name in records.LOG_REGIONS:
+            if content(file) != phone.strings(self.region_before(records.LOG_REGIONS[file.name])):
+                yield f"{file.name} holds the text of its region"
+        elif file.name == phone.RAWDUMP_NAME:
+            try:
+                if gzip.decompress(content(file)) != self.region_before(records.MINIDUMP_REGION):
+                    yield f"{file.name} unpacks to the minidump region"
+            except (EOFError, OSError, zlib.error) as error:
+                yield f"{file.name} is a whole gzip file; found: {error}"
+
+    def broken_fulldump(self) -> Iterator[str]:
+        added = [name for name in self.after.fulldumps - self.before.fulldumps if phone.FULLDUMP_NAME in name]
+        if self.expect.fulldump != bool(added):
+            yield "a full dump is collected" if self.expect.fulldump else "no full dump is collected"
+        dump = self.scenario.fulldump
+        if not added or not dump:
+            return
+        if phone.DONE_NAME not in self.after.fulldumps:
+            yield "the full dump is closed by its marker"
+        size = dump.size + -dump.size % records.COPY_CHUNK
+        file = on_device(self.folder, phone.FULLDUMPLOG) / added[0]
+        if content(file) != self.region_before(records.Region(records.USERDATA, dump.offset, size)):
+            yield "the full dump holds the bytes of userdata"
+
+    def broken_history(self) -> Iterator[str]:
+        wanted = self.expect.history
+        expected = b"" if wanted and wanted.renewed else self.before.history
+        if wanted:
+            expected += phone.history_line(wanted.reason, self.time, wanted.category).encode("utf-8")
+        yield from differing_line("the history", as_text(expected), as_text(self.after.history))
+
+    def broken_log(self) -> Iterator[str]:
+        if self.scenario.golden.exists():
+            golden = as_text(content(self.scenario.golden))
+            yield from differing_line("the log", golden, self.masked_log())
+        elif self.scenario.is_shipped:
+            yield f"the log of {self.scenario.golden}; vortadev check --update {self.scenario.name} writes it"
+        for text in self.expect.log:
+            if text not in self.run.log:
+                yield f"a log line with: {printable(text)}"
+        for text in self.expect.not_log:
+            if text in self.run.log:
+                yield f"no log line with: {printable(text)}"
+
+    def broken_output(self) -> Iterator[str]:
+        """The daemon echoes each message to standard error, where a line feed at its end makes an empty line."""
+        echo = "".join(f"[vorta] {line.partition(': ')[2]}\n" for line in self.run.log.split("\n")[:-1])
+        err = as_text(self.run.err)
+        if self.echoes:
+            yield from differing_line("standard error", echo.replace("\\n", "\n"), err.replace("\n\n", "\n"))
+        if self.run.out != OUTPUT:
+            yield f"standard output {OUTPUT!r}, found {self.run.out!r}"
+
+    def broken_files(self) -> Iterator[str]:
+        for path in self.expect.present:
+            if not os.path.lexists(self.folder / "data" / path):
+                yield f"/data/{path} is there"
+        for path in self.expect.gone:
+            if os.path.lexists(self.folder / "data" / path):
+                yield f"/data/{path} is gone"
+        expected = "".join(event + "\n" for event in self.expect.factory_events)
+        found = content(on_device(self.folder, device.FACTORY_EVENTS))
+        yield from differing_line("the factory events", expected, as_text(found))
+
+
+def content(file: Path) -> bytes:
+    return file.read_bytes() if file.is_file() else b""
+
+
+def as_text(data: bytes) -> str:
+    return data.decode("utf-8", "surrogateescape")
+
+
+def differing_byte(name: str, expected: Image, found: Image) -> Iterator[str]:
+    """Where the partition's first other byte is."""
+    if found.size != expected.size:
+        yield f"{name} keeps its size"
+    for offset in sorted(found.blocks.keys() | expected.blocks.keys()):
+        block, promised = (image.read(offset, device.BLOCK) for image in (found, expected))
+        if block != promised:
+            index = next((i for i, pair in enumerate(zip(block, promised)) if pair[0] != pair[1]), 0)
+            yield f"{name} as promised; the first other byte is at offset {offset + index}"
+            return
+
+
+def differing_line(what: str, expected: str, found: str) -> Iterator[str]:
+    """The first line in which the texts differ."""
+    pairs = zip_longest(expected.split("\n"), found.split("\n"), fillvalue="nothing")
+    for number, (promised, line) in enumerate(pairs, 1):
+        if promised != line:
+            yield f"line {number} of {what}: {printable(promised) or 'its end'}; found {printable(line) or 'its end'}"
+            return

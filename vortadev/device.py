@@ -1,0 +1,232 @@
+"""A simulated device: a folder in which every input and output of the daemon is a plain file.
+
+    dev/block/by-name/{rawdump,userdata,bootfail_info}   the partitions, sparse files
+    proc/{cmdline,pmic_pon_log}  proc/device-tree/rootparam/qcom,boardid
+    vendor/build.prop  vendor/bin/vorta (where the daemon appears)  vendor/lib64
+    data/vendor/log/reliability/{dumplog,fulldumplog}
+    system/bin: mksh as sh, toybox with cat and strings; bin -> system/bin
+    scenario.json, from which it was made; logcat.txt, the Android log of all runs
+"""
+from __future__ import annotations
+
+from dataclasses import dataclass, field
+import os
+from pathlib import Path
+import shutil
+from typing import Dict, Iterator, Tuple
+
+from . import phone, records
+from .content import render
+from .errors import DeviceError, printable
+from .scenario import Scenario
+
+SCENARIO_FILE = "scenario.json"
+LOGCAT_FILE = "logcat.txt"
+FACTORY_EVENTS = "/data/vendor/factory/events.txt"  # what the device's factory library was told
+
+FACTORY_LIBRARIES = Path(__file__).parents[1] / "build" / "host" / "device"
+FACTORY_NAMES = {"present": "lib_factory_interface.so", "withoutSymbol": "lib_factory_without_symbol.so"}
+TOOLS = ("cat", "strings", "ls", "head", "tail", "xxd", "stat")  # links to toybox
+
+BLOCK = 4096
+CHUNK = 256 * BLOCK
+
+
+@dataclass
+class Image:
+    """A partition's content at one moment: its size, and its blocks that are not all zeros by their offset. Equal
+    images have equal content."""
+
+    size: int
+    blocks: Dict[int, bytes] = field(default_factory=dict)
+
+    def read(self, offset: int, size: int) -> bytes:
+        """What lies behind the end of the partition is missing."""
+        end = min(offset + size, self.size)
+        first = offset - offset % BLOCK
+        zeros = bytes(BLOCK)
+        whole = b"".join(self.blocks.get(at, zeros) for at in range(first, end, BLOCK))
+        return whole[offset - first : max(end - first, 0)]
+
+    def put(self, offset: int, data: bytes) -> None:
+        """Sets the bytes at the offset, as far as the partition reaches."""
+        first, end = offset - offset % BLOCK, offset + len(data)
+        whole = self.read(first, offset - first) + data + self.read(end, -end % BLOCK)
+        for at in range(first, min(end, self.size), BLOCK):
+            block = whole[at - first : min(at - first + BLOCK, self.size - first)]
+            if block.strip(b"\0"):
+                self.blocks[at] = block.ljust(BLOCK, b"\0")
+            else:
+                self.blocks.pop(at, None)
+
+
+def on_device(folder: Path, phone_path: str) -> Path:
+    """The place of an absolute path of the phone."""
+    return folder / phone_path[1:]
+
+
+def is_device(folder: Path) -> bool:
+    return on_device(folder, phone.BLOCK_FOLDER).is_dir() and (folder / SCENARIO_FILE).exists()
+
+
+def partition_path(folder: Path, name: str) -> Path:
+    return on_device(folder, phone.BLOCK_FOLDER) / name
+
+
+def read_image(path: Path) -> Image:
+    with path.open("rb", buffering=0) as file:
+        image = Image(os.fstat(file.fileno()).st_size)
+        for start, end in extents(file.fileno(), image.size):
+            for at in range(start, end, CHUNK):
+                file.seek(at)
+                image.put(at, file.read(min(CHUNK, end - at)))
+    return image
+
+
+def extents(file: int, size: int) -> Iterator[Tuple[int, int]]:
+    """Where the file has data, as far as the system tells."""
+    if not hasattr(os, "SEEK_DATA"):
+        yield 0, size
+        return
+    end = 0
+    while end < size:
+        try:
+            start = os.lseek(file, end, os.SEEK_DATA)
+        except OSError:  # nothing but a hole is left
+            return
+        end = os.lseek(file, start, os.SEEK_HOLE)
+        yield start, end
+
+
+def read_partitions(folder: Path) -> Dict[str, Image]:
+    paths = {name: partition_path(folder, name) for name in records.PARTITIONS}
+    return {name: read_image(path) for name, path in paths.items() if path.exists()}
+
+
+def create(folder: Path, scenario: Scenario, force: bool = False) -> None:
+    """The folder may be missing or empty, or with `force` an earlier device, which is removed first; any other folder
+    is refused. As root the log folders belong to 0:1000, as on a phone, otherwise to the caller."""
+    host_programs = {name: host_program(name) for name in ("mksh", "toybox")}
+    factory_library(scenario.factory_library)  # complains before anything is made
+    mask = os.umask(0o022)
+    try:
+        make_room(folder, force)
+        on_device(folder, phone.BLOCK_FOLDER).mkdir(parents=True)
+        (folder / SCENARIO_FILE).write_text(scenario.source, "utf-8")
+        make_partitions(folder, scenario)
+        make_proc(folder, scenario)
+        make_system(folder, host_programs["mksh"], host_programs["toybox"])
+        make_vendor(folder, scenario)
+        make_data(folder, scenario)
+    except OSError as error:
+        raise DeviceError(f"cannot make {printable(str(error.filename or folder))}: {error.strerror}") from None
+    finally:
+        os.umask(mask)
+
+
+def host_program(name: str) -> str:
+    """A program that the device gets from the host; it is called as the Debian package that brings it."""
+    program = shutil.which(name, path=os.environ.get("PATH", "") + ":/usr/bin:/bin")
+    if program is None:
+        raise DeviceError(f"{name} is missing on this machine; install the package {name} (needs Linux)")
+    return program
+
+
+def factory_library(kind: str) -> Path:
+    library = FACTORY_LIBRARIES / FACTORY_NAMES.get(kind, "")
+    if not library.exists() and kind:
+        raise DeviceError(f"{library} is missing; cmake --preset host && cmake --build --preset host makes it")
+    return library
+
+
+def make_room(folder: Path, force: bool) -> None:
+    if not folder.exists() or (folder.is_dir() and not any(folder.iterdir())):
+        return
+    if not is_device(folder):
+        raise DeviceError(f"{folder} exists and is no simulated device; choose another folder")
+    if not force:
+        raise DeviceError(f"{folder} is a simulated device already; --force replaces it")
+    shutil.rmtree(folder)
+
+
+def make_partitions(folder: Path, scenario: Scenario) -> None:
+    images = {name: Image(size) for name, size in scenario.partitions.items() if size is not None}
+    missing = Image(0)  # takes nothing
+    for name, fill in scenario.logs.items():
+        region = records.LOG_REGIONS[name]
+        images.get(region.partition, missing).put(region.offset, render(fill, name))
+    rawdump = images.get(records.RAWDUMP, missing)
+    rawdump.put(scenario.minidump.offset, scenario.minidump.render())
+    rawdump.put(records.REASON_REGION.offset, scenario.reason_header)
+    images.get(records.BOOTFAIL, missing).put(records.META_REGION.offset, scenario.meta)
+    if scenario.fulldump:
+        images.get(records.USERDATA, missing).put(scenario.fulldump.offset, scenario.fulldump.render())
+    for name, image in images.items():
+        write_image(partition_path(folder, name), image)
+
+
+def write_image(path: Path, image: Image) -> None:
+    with path.open("xb", buffering=0) as file:
+        for offset, block in image.blocks.items():
+            file.seek(offset)
+            file.write(block)
+    os.truncate(path, image.size)
+
+
+def write(folder: Path, phone_path: str, data: bytes) -> None:
+    path = on_device(folder, phone_path)
+    path.parent.mkdir(parents=True, exist_ok=True)
+    path.write_bytes(data)
+
+
+def make_proc(folder: Path, scenario: Scenario) -> None:
+    write(folder, phone.CMDLINE, scenario.cmdline)
+    if scenario.pon_log is not None:
+        write(folder, phone.PON_LOG, scenario.pon_log)
+    if scenario.board_id is not None:
+        write(folder, phone.BOARD_ID, scenario.board_id)
+    # The leak checker of a sanitizer build looks at its own threads; the sandbox keeps the real /proc aside for it.
+    # The daemon is one of the first processes there.
+    for name in ("self", *"23456789"):
+        (folder / "proc" / name).symlink_to(f"/.proc/{name}")
+
+
+def make_system(folder: Path, shell: str, toybox: str) -> None:
+    tools = folder / "system/bin"
+    tools.mkdir(parents=True)
+    shutil.copy(shell, on_device(folder, phone.SHELL))
+    shutil.copy(toybox, tools / "toybox")
+    for name in TOOLS:
+        (tools / name).symlink_to("toybox")
+    (folder / "bin").symlink_to("system/bin")
+
+
+def make_vendor(folder: Path, scenario: Scenario) -> None:
+    properties = "".join(f"{name}={value}\n" for name, value in scenario.properties.items())
+    write(folder, phone.BUILD_PROP, properties.encode("utf-8"))
+    write(folder, phone.DAEMON, b"")
+    library = on_device(folder, phone.FACTORY_LIBRARY)
+    library.parent.mkdir()
+    if scenario.factory_library:
+        shutil.copy(factory_library(scenario.factory_library), library)
+        on_device(folder, FACTORY_EVENTS).parent.mkdir(parents=True)
+
+
+def make_data(folder: Path, scenario: Scenario) -> None:
+    roots = [on_device(folder, path) for path in (phone.DUMPLOG, phone.FULLDUMPLOG, phone.RELIABILITY)]
+    for root in roots:
+        root.mkdir(parents=True, exist_ok=True)
+    # Links come last: nothing is written through one.
+    for entry in sorted(scenario.data, key=lambda entry: entry.target is not None):
+        path = folder / "data" / entry.path
+        if entry.fill is not None:
+            write(folder, f"/data/{entry.path}", render(entry.fill, path.name))
+        elif entry.target is not None:
+            path.parent.mkdir(parents=True, exist_ok=True)
+            path.symlink_to(entry.target)
+        else:
+            path.mkdir(parents=True, exist_ok=True)
+    for root in roots:
+        root.chmod(phone.ROOT_FOLDER_MODE)
+        if os.geteuid() == 0:
+            os.chown(root, phone.OWNER, phone.GROUP)

@@ -218,7 +218,7 @@ INVARIANTS: tuple[tuple[str, str, tuple[str, ...], Callable[[Case], str]], ...] 
     ("foreign bytes", "no partition byte changes outside the fields of this boot", (FAULT, CUT, NEXT), foreign_bytes),
     ("whole records", "each field of a record is whole, old or new", (FAULT, CUT, NEXT), torn_record),
     ("dump kept", "each dump waits in its partition or a file holds exactly its bytes", (FAULT, CUT, NEXT), lost_dump),
-    ("copy kept", "of each log that was copied whole, the folder has the raw copy or the text", (CUT,), lost_copy),
+    ("copy kept", "each log that was copied whole has its raw copy or its text in the folder", (CUT,), lost_copy),
     ("log kept", "each log, and the full dump of before, is in a file, or the node waits", (FAULT,), lost_log),
     ("independent", "a fault does not stop a later step that does not need the failed one", (FAULT,), stopped_steps),
     ("history", "at most one whole line a run; exactly one in a run without faults", (FAULT, CUT, NEXT), history),

@@ -18,7 +18,7 @@ from . import bubblewrap, device as devices, loop, phone, records
 from .bubblewrap import Options
 from .errors import DeviceError, printable, size_text
 from .logsocket import LogSocket
-from .process import Ending, HeldSignals, Source, read_into, supervise
+from .process import Ending, Source, held_signals, read_into, supervise
 
 __all__ = ["Options", "Run", "run"]
 
@@ -52,14 +52,14 @@ def run(
     folder = device.absolute()
     require_runnable(folder, options)
     # Signals outermost, so that one is raised when all else is put back.
-    with HeldSignals() as held, ExitStack() as stack:
+    with held_signals() as signals, ExitStack() as stack:
         stack.callback(os.close, lock(folder))
         log = LogSocket(folder)
         stack.callback(log.close)
         loops = attach_loops(folder, stack) if options.loop else None
         stack.callback(shutil.rmtree, folder / bubblewrap.NEW_DATA, ignore_errors=True)
         sandbox = bubblewrap.command_line(folder, options, log.path, loops)
-        ended = serve([*sandbox, *bubblewrap.command(program, arguments, options)], options, log, held, capture)
+        ended = serve([*sandbox, *bubblewrap.command(program, arguments, options)], options, log, signals, capture)
     return ended
 
 
@@ -113,7 +113,7 @@ def attach_loops(folder: Path, stack: ExitStack) -> Dict[str, str]:
     return loops
 
 
-def serve(arguments: List[str], options: Options, log: LogSocket, held: HeldSignals, capture: bool) -> Run:
+def serve(arguments: List[str], options: Options, log: LogSocket, signals: int, capture: bool) -> Run:
     """Starts bubblewrap and serves its descriptors to the end."""
     out, err, status = bytearray(), bytearray(), bytearray()
     reader, writer = os.pipe()
@@ -130,7 +130,7 @@ def serve(arguments: List[str], options: Options, log: LogSocket, held: HeldSign
                 sources[stream.fileno()] = read_into(text, stream.fileno())
         ending = None
         try:
-            ending = supervise(child.pid, sources, held, options.timeout)
+            ending = supervise(child.pid, sources, signals, options.timeout)
         finally:
             if ending is not Ending.ENDED:
                 # With the first process of the sandbox all others in it go; bubblewrap reports that end.

@@ -7,7 +7,6 @@ from datetime import datetime
 import math
 import os
 from pathlib import Path
-import re
 import shlex
 from typing import Any, Callable, Dict, List, Tuple, Type, Union
 
@@ -31,17 +30,17 @@ def add_run_options(parser: argparse.ArgumentParser) -> None:
     add("--timeout", metavar="SECONDS", type=number(float, 0.001, 1e6), help="end the run after that time")
     what = "program with arguments to put in front, e.g. 'strace -f'"
     add("--wrap", dest="wrapper", metavar="COMMAND", type=command, default=[], help=what)
-    for name, field, metavar, read, what in (
-        ("--bind", "binds", "HOST:INSIDE", bind, "make a file or folder of the host writable inside"),
-        ("--env", "environment", "NAME=VALUE", variable, "set an environment variable inside"),
-        ("--drop-cap", "drop_caps", "CAP", capability, "run without a capability (root)"),
-    ):
-        add(name, dest=field, metavar=metavar, action="append", type=read, default=[], help=what)
+    many: Dict[str, Any] = {"action": "append", "default": []}
+    what = "make a file or folder of the host writable inside"
+    add("--bind", dest="binds", metavar="HOST:INSIDE", type=bind, help=what, **many)
+    add("--env", dest="environment", metavar="NAME=VALUE", type=variable, help="set a variable inside", **many)
+    add("--drop-cap", dest="drop_caps", metavar="CAP", help="run without a capability (root)", **many)
 
 
 def run_options(arguments: argparse.Namespace) -> Options:
     values: Dict[str, Any] = {field.name: getattr(arguments, field.name) for field in fields(Options)}
-    return Options(**{**values, "environment": dict(arguments.environment)})
+    values["environment"] = dict(arguments.environment)
+    return Options(**values)
 
 
 def expected(what: str, found: str) -> argparse.ArgumentTypeError:
@@ -103,9 +102,3 @@ def variable(text: str) -> Tuple[str, str]:
     if not name or not separator:
         raise expected("NAME=VALUE", text)
     return name, value
-
-
-def capability(text: str) -> str:
-    if not re.fullmatch("CAP_[A-Z_]+", text):
-        raise expected("a name like CAP_DAC_OVERRIDE", text)
-    return text

@@ -57,9 +57,12 @@ def run(
         log = LogSocket(folder)
         stack.callback(log.close)
         loops = attach_loops(folder, stack) if options.loop else None
-        stack.callback(shutil.rmtree, folder / bubblewrap.NEW_DATA, ignore_errors=True)
+        if options.data_size is not None:
+            make_new_data(folder, stack)
         sandbox = bubblewrap.command_line(folder, options, log.path, loops)
         ended = serve([*sandbox, *bubblewrap.command(program, arguments, options)], options, log, signals, capture)
+        if options.data_size is not None and not ended.timed_out:
+            keep_new_data(folder)
     return ended
 
 
@@ -111,6 +114,22 @@ def attach_loops(folder: Path, stack: ExitStack) -> Dict[str, str]:
             loops[name], descriptor = loop.attach(file)
             stack.callback(os.close, descriptor)
     return loops
+
+
+def make_new_data(folder: Path, stack: ExitStack) -> None:
+    """The folder that the sandbox fills with what a small /data holds at the end; it goes with the stack."""
+    new_data = folder / bubblewrap.NEW_DATA
+    shutil.rmtree(new_data, ignore_errors=True)  # of a run that was killed
+    new_data.mkdir()
+    stack.callback(shutil.rmtree, new_data, ignore_errors=True)
+
+
+def keep_new_data(folder: Path) -> None:
+    """Only here, with signals held, does the device change: a run that was ended early leaves it as it was."""
+    data, new_data, old_data = folder / "data", folder / bubblewrap.NEW_DATA, folder / "data.old"
+    data.rename(old_data)
+    new_data.rename(data)
+    shutil.rmtree(old_data)
 
 
 def serve(arguments: List[str], options: Options, log: LogSocket, signals: int, capture: bool) -> Run:

@@ -190,7 +190,9 @@ def read_properties(node: Node) -> Dict[str, str]:
 
 def read_input(node: Node, missing: bytes, read: Callable[[Node], bytes]) -> Optional[bytes]:
     """A file of the phone; None: the phone does not have it."""
-    return missing if not node else None if node.value is None else read(node)
+    if node.value is None:
+        return None
+    return read(node) if node else missing
 
 
 def read_logs(node: Node, seed: int) -> Dict[str, Fill]:
@@ -204,27 +206,25 @@ def read_logs(node: Node, seed: int) -> Dict[str, Fill]:
     return logs
 
 
-def read_header(node: Node, seed: int) -> bytes:
-    return read_record(node, records.DUMP_HEADER, bytes(records.DUMP_HEADER.size), seed)
+def read_dump(node: Node, offset: int, size: int, seed: int) -> Dump:
+    header = read_record(node["header"], records.DUMP_HEADER, bytes(records.DUMP_HEADER.size), seed)
+    fill = read_fill(node["content"], MINIDUMP, size, seed) if node["content"] else Fill()
+    return Dump(offset, size, header, fill)
 
 
 def read_minidump(node: Node, seed: int) -> Dump:
     node.require_keys(("header", "content"))
-    region = records.MINIDUMP_REGION
-    fill = read_fill(node["content"], MINIDUMP, region.size, seed) if node["content"] else Fill()
-    return Dump(region.offset, region.size, read_header(node["header"], seed), fill)
+    return read_dump(node, records.MINIDUMP_REGION.offset, records.MINIDUMP_REGION.size, seed)
 
 
 def read_fulldump(node: Node, room: int, seed: int) -> Optional[Dump]:
     if not node:
         return None
     node.require_keys(("offset", "size", "header", "content"))
-    offset, size = node["offset"].size(), node["size"].size()
-    if size < records.DUMP_HEADER.size or size > room or offset > room - size:
-        what = f"expected offset and size of a dump of at least {records.DUMP_HEADER.size} bytes"
-        node.fail(f"{what} within the {room} bytes of userdata")
-    fill = read_fill(node["content"], MINIDUMP, size, seed) if node["content"] else Fill()
-    return Dump(offset, size, read_header(node["header"], seed), fill)
+    offset, size, least = node["offset"].size(), node["size"].size(), records.DUMP_HEADER.size
+    if size < least or size > room or offset > room - size:
+        node.fail(f"expected offset and size of a dump of at least {least} bytes within the {room} bytes of userdata")
+    return read_dump(node, offset, size, seed)
 
 
 def read_data_entry(path: str, node: Node, seed: int) -> DataEntry:

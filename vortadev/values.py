@@ -50,13 +50,10 @@ def read_fill(node: Node, name: str, limit: int, seed: int) -> Fill:
 
 
 def read_beside(node: Node) -> bytes:
-    path = node.file().parent / node.text()
-    if not path.is_file():
-        node.expected("an existing file")
     try:
-        return path.read_bytes()
-    except OSError as error:
-        node.fail(f"expected a file that can be read: {error.strerror}")
+        return (node.file().parent / node.text()).read_bytes()
+    except (OSError, ValueError):
+        node.expected("an existing file")
 
 
 def read_bytes(node: Node, limit: int, seed: int) -> bytes:

@@ -5,8 +5,8 @@ from __future__ import annotations
 
 import json
 import os
-import stat
 from pathlib import Path
+import stat
 from typing import Any, Dict, List, Tuple
 
 from . import device as devices
@@ -18,11 +18,13 @@ Report = Dict[str, Any]
 
 HISTORY_READ_LIMIT = 64 << 20  # far above the daemon's own limit
 RAWDUMP_END = records.MINIDUMP_REGION.offset + records.MINIDUMP_REGION.size
-DUMPLOG, FULLDUMPLOG = (Path(path).name for path in (phone.DUMPLOG, phone.FULLDUMPLOG))
-LOG_FOLDER, DUMP_FOLDER, FULLDUMP_FOLDER, BOOT_FOLDER = (
-    what + " of a phone" for what in ("log folder", "dump folder", "full dump folder", "collected boot")
-)
 BOOTFAIL_END = records.META_REGION.offset + records.META_REGION.size
+
+DUMPLOG, FULLDUMPLOG = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
+LOG_FOLDER = "log folder of a phone"
+DUMP_FOLDER = "dump folder of a phone"
+FULLDUMP_FOLDER = "full dump folder of a phone"
+BOOT_FOLDER = "collected boot of a phone"
 
 
 def read(path: Path, kind: str = "") -> Report:
@@ -95,10 +97,7 @@ def speaks(header: bytes) -> bool:
         "fulldumpReservedFlag": (records.FULLDUMP_RESERVED,),
         "boardIdMagic": (records.BOARD_ID_MAGIC,),
     }
-    tag = records.REASON_HEADER.number(header, "corvel") >> 48
-    return tag == records.CORVEL_TAG >> 48 or any(
-        records.REASON_HEADER.number(header, name) in known for name, known in words.items()
-    )
+    return any(records.REASON_HEADER.number(header, name) in known for name, known in words.items())
 
 
 def read_file(path: Path, kind: str, report: Report) -> None:
@@ -238,6 +237,8 @@ def read_reliability(folder: Path, report: Report) -> None:
 
 def read_dumplog(folder: Path, report: Report) -> None:
     try:
+        if folder.is_symlink():
+            raise DeviceError(f"{folder} is no folder")
         entries = list_folder(folder)
         report["dumps"] = [read_collected(folder / name) for name, is_folder in entries.items() if is_folder]
         if phone.HISTORY_NAME in entries:

@@ -14,20 +14,19 @@ from .errors import DeviceError
 BUILT_DAEMON = Path(__file__).resolve().parent.parent / "build/host/vorta"
 PASSED_ON = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX", "GCOV_PREFIX_STRIP", "TZ")
 
-# A small /data starts with the device's content and takes its place at the end, by the host's own tools: the device's
-# cp does not tell when a disk is full. A run that is ended early leaves the device's content as it was.
+# A small /data starts with the device's content, and ends in a folder that then takes its place. The host's own cp does
+# that: the device's does not tell when a disk is full.
 WITH_SMALL_DATA = """
-rm() { /.host/rm -rf "$@"; }
-rm /.device/data.new && /.host/cp -a /.device/data/. /data/ 2>/dev/null || exit 121
+/.host/cp -a /.data/. /data/ 2>/dev/null || exit 121
 "$@"
 status=$?
-/.host/cp -a /data /.device/data.new && rm /.device/data && /.host/mv /.device/data.new /.device/data || exit 122
+/.host/cp -a /data/. /.data.new/ || exit 122
 exit $status
 """
 NEW_DATA = "data.new"
 DATA_FAILURES = {
     121: "the device's /data does not fit into {size}",
-    122: "the small /data could not be copied back into the device folder",
+    122: "the small /data could not be copied into the device folder",
 }
 # What init takes from the services that it starts. An ordinary user's sandbox has it so already.
 AS_INIT = ("/.host/setpriv", "--regid", str(phone.GROUP), "--clear-groups", "--inh-caps=-all", "--bounding-set=-all")
@@ -116,9 +115,11 @@ def partition_mounts(folder: Path, loops: Optional[Dict[str, str]]) -> List[str]
 
 
 def data_mounts(folder: Path, options: Options) -> List[str]:
+    data = f"{folder}/data"
     if options.data_size is not None:
-        return ["--bind", str(folder), "/.device", "--size", str(options.data_size), "--tmpfs", "/data"]
-    return ["--ro-bind" if options.read_only_data else "--bind", f"{folder}/data", "/data"]
+        small = ["--size", str(options.data_size), "--tmpfs", "/data"]
+        return ["--ro-bind", data, "/.data", "--bind", f"{folder}/{NEW_DATA}", "/.data.new", *small]
+    return ["--ro-bind" if options.read_only_data else "--bind", data, "/data"]
 
 
 def tool_mounts(options: Options) -> List[str]:

@@ -1,4 +1,4 @@
-"""The command line: create, run, show, scenarios, check, shell."""
+"""The command line."""
 from __future__ import annotations
 
 import argparse
@@ -10,35 +10,108 @@ import os
 from pathlib import Path
 import signal
 import sys
-import tempfile
-from typing import Any, Callable, Dict, List, NoReturn, Optional, Sequence, Tuple
+from typing import Any, List, NoReturn, Optional, Sequence
 
-from . import __version__, device, options, phone, reading, records, scenario, show
+from . import __version__, device, phone, reading, records, scenario, show
 from .document import Document, Node, read_json
 from .errors import DeviceError, printable
+from .options import add_run_options, number, run_options
 
-FAILED, USAGE, TIME_LIMIT, INTERRUPTED = 1, 2, 124, 128 + 2
+FAILED, USAGE, TIME_LIMIT, INTERRUPTED = 1, 2, 124, 128 + signal.SIGINT
 
 DESCRIPTION = "A phone in a folder: makes a simulated device, runs vorta on it, shows what it holds."
+
+
+def create(arguments: argparse.Namespace) -> int:
+    """make a device from a scenario"""
+    device.create(arguments.device, scenario.load(arguments.scenario), arguments.force)
+    return 0
+
+
+def run(arguments: argparse.Namespace) -> int:
+    """run the daemon; its arguments stand behind --, or are those of the device's scenario"""
+    runs: Sequence[Sequence[str]] = [arguments.behind or []]
+    if arguments.behind is None and arguments.as_init:
+        runs = phone.SERVICES
+    elif arguments.behind is None and device.is_device(arguments.device):
+        file = arguments.device / device.SCENARIO_FILE
+        document = Document(read_json(file), file)
+        runs = [Node(document, document.value)["run"]["arguments"].texts(phone.RAINBOW)]
+    statuses = [run_program(phone.DAEMON, arguments, behind) for behind in runs]
+    return next(filter(None, statuses), 0)
+
+
+def shell(arguments: argparse.Namespace) -> int:
+    """a shell on the device; its arguments stand behind --"""
+    return run_program(phone.SHELL, arguments, arguments.behind or [])
+
+
+def run_program(program: str, arguments: argparse.Namespace, behind: Sequence[str]) -> int:
+    require_linux()
+    from . import sandbox  # pylint: disable=import-outside-toplevel
+
+    ended = sandbox.run(arguments.device, behind, run_options(arguments), program)
+    if ended.timed_out:
+        complain("the daemon did not end in time and was killed")
+        return TIME_LIMIT
+    return ended.status
+
+
+def show_paths(arguments: argparse.Namespace) -> int:
+    """the records in words, what was collected, the history"""
+    reports, status = [], 0
+    for path in arguments.paths:
+        try:
+            reports.append(reading.read(path, arguments.kind))
+            status = FAILED if reports[-1]["problems"] else status
+        except DeviceError as error:
+            complain(str(error))
+            status = FAILED
+    if arguments.json and reports:
+        say(json.dumps(reports if len(arguments.paths) > 1 else reports[0], indent=2, ensure_ascii=False) + "\n")
+    else:
+        say("\n".join(show.words(report, arguments.lines) for report in reports))
+    return status
+
+
+def list_scenarios(_arguments: argparse.Namespace) -> int:
+    """the shipped scenarios, a line each"""
+    say("".join(f"{name:<22} {scenario.load(name).description}\n" for name in scenario.shipped()))
+    return 0
+
+
+def check(arguments: argparse.Namespace) -> int:
+    """run scenarios on fresh devices and hold each to its promise"""
+    require_linux()
+    import tempfile  # pylint: disable=import-outside-toplevel
+
+    from . import check as checks, process  # pylint: disable=import-outside-toplevel
+
+    look, status = checks.update if arguments.update else checks.check, 0
+    for name in arguments.names or scenario.shipped():
+        wanted = scenario.load(name)
+        # Until the scratch folder is gone, signals wait.
+        with process.held_signals(), tempfile.TemporaryDirectory(prefix="vortadev-") as scratch:
+            broken = look(wanted, Path(scratch, "device"), run_options(arguments))
+        lines = [f"{name:<22} {'BROKEN' if broken else 'as promised'}", *(f"  {printable(line)}" for line in broken)]
+        say("\n".join(lines) + "\n")
+        status = FAILED if broken else status
+    return status
+
+
 COMMANDS = {
-    "create": "make a device from a scenario",
-    "run": "run the daemon; what stands behind -- is for the daemon",
-    "show": "the records in words, what was collected, the history",
-    "scenarios": "the shipped scenarios, a line each",
-    "check": "run scenarios on fresh devices and hold each to its promise",
-    "shell": "a shell on the device; what stands behind -- is for the shell",
+    "create": create,
+    "run": run,
+    "show": show_paths,
+    "scenarios": list_scenarios,
+    "check": check,
+    "shell": shell,
 }
 
 
-class Parser(argparse.ArgumentParser):
-    """Complains in one line, also where its help cannot be written."""
-
-    def print_help(self, file: Any = None) -> None:
-        say(self.format_help())
-
-    def error(self, message: str) -> NoReturn:
-        complain(f"{message[9:] if message.startswith('argument ') else message}; {self.prog} --help tells more")
-        sys.exit(USAGE)
+def require_linux() -> None:
+    if not sys.platform.startswith("linux"):
+        raise DeviceError("run, check and shell need Linux; show reads devices, images and pulled folders anywhere")
 
 
 def complain(text: str) -> None:
@@ -47,9 +120,9 @@ def complain(text: str) -> None:
 
 
 def say(text: str) -> None:
+    if sys.stdout is None:
+        raise DeviceError("cannot write standard output: it is closed")
     try:
-        if sys.stdout is None:
-            raise DeviceError("cannot write standard output: it is closed")
         sys.stdout.write(text)
         sys.stdout.flush()
     except BrokenPipeError:
@@ -58,8 +131,19 @@ def say(text: str) -> None:
         raise DeviceError(f"cannot write standard output: {error.strerror}") from None
 
 
+class Parser(argparse.ArgumentParser):
+    """Complains in one line, also where its help cannot be written."""
+
+    def error(self, message: str) -> NoReturn:
+        complain(f"{message[9:] if message.startswith('argument ') else message}; {self.prog} --help tells more")
+        sys.exit(USAGE)
+
+    def print_help(self, file: Any = None) -> None:
+        say(self.format_help())
+
+
 def parser_of(command: str) -> Parser:
-    parser = Parser(f"vortadev {command}", description=COMMANDS[command], allow_abbrev=False, add_help=False)
+    parser = Parser(f"vortadev {command}", description=COMMANDS[command].__doc__, allow_abbrev=False, add_help=False)
     parser.add_argument("--help", action="help", help="this text")
     if command in ("run", "shell"):
         parser.usage = f"vortadev {command} DEV [OPTION...] [-- ARGUMENT...]"
@@ -72,7 +156,7 @@ def parser_of(command: str) -> Parser:
         what = "device, image of rawdump or bootfail_info, history.log, or folder pulled from a phone"
         parser.add_argument("paths", metavar="PATH", type=Path, nargs="+", help=what)
         parser.add_argument("--json", action="store_true", help="for programs; a list if there are several paths")
-        lines = options.whole_number(0, 10**9)
+        lines = number(int, 0, 1e9)
         parser.add_argument("--lines", metavar="N", type=lines, default=10, help="history lines to show (default 10)")
         kinds = (records.RAWDUMP, records.BOOTFAIL)
         parser.add_argument("--as", dest="kind", choices=kinds, default="", help="read a file as an image of that")
@@ -80,147 +164,46 @@ def parser_of(command: str) -> Parser:
         parser.add_argument("names", metavar="SCENARIO", nargs="*", help="names or .json files; default: all shipped")
         parser.add_argument("--update", action="store_true", help="promise the log of these boots from now on")
     if command in ("run", "shell", "check"):
-        options.add_run_options(parser)
+        add_run_options(parser)
     return parser
 
 
-def create(arguments: argparse.Namespace, _behind: Optional[List[str]]) -> int:
-    device.create(arguments.device, scenario.load(arguments.scenario), arguments.force)
-    return 0
-
-
-def run(arguments: argparse.Namespace, behind: Optional[List[str]]) -> int:
-    runs: Sequence[Sequence[str]] = [behind] if behind is not None else []
-    if behind is None and arguments.as_init:
-        runs = phone.SERVICES
-    elif behind is None:
-        runs = [arguments_in_scenario(arguments.device)]
-    statuses = [run_program(arguments, phone.DAEMON, daemon_arguments) for daemon_arguments in runs]
-    return next(filter(None, statuses), 0)
-
-
-def shell(arguments: argparse.Namespace, behind: Optional[List[str]]) -> int:
-    return run_program(arguments, phone.SHELL, behind or [])
-
-
-def run_program(arguments: argparse.Namespace, program: str, program_arguments: Sequence[str]) -> int:
-    require_linux()
-    from . import sandbox
-
-    ended = sandbox.run(arguments.device, program_arguments, options.run_options(arguments), program)
-    if ended.timed_out:
-        complain("the daemon did not end in time and was killed")
-        return TIME_LIMIT
-    return ended.status
-
-
-def arguments_in_scenario(folder: Path) -> List[str]:
-    """What the scenario of a device gives to the daemon."""
-    file = folder / device.SCENARIO_FILE
-    if not device.is_device(folder):
-        return []  # the run complains
-    document = Document(read_json(file), file)
-    return Node(document, document.value)["run"]["arguments"].texts(phone.RAINBOW)
-
-
-def require_linux() -> None:
-    if not sys.platform.startswith("linux"):
-        raise DeviceError("run, check and shell need Linux; show reads devices, images and pulled folders anywhere")
-
-
-def show_paths(arguments: argparse.Namespace, _behind: Optional[List[str]]) -> int:
-    reports, status = [], 0
-    for path in arguments.paths:
-        try:
-            reports.append(reading.read(path, arguments.kind))
-            status = FAILED if reports[-1]["problems"] else status
-        except DeviceError as error:
-            complain(str(error))
-            status = FAILED
-    if arguments.json and reports:
-        say(json.dumps(reports if len(arguments.paths) > 1 else reports[0], indent=2, ensure_ascii=False) + "\n")
-    elif reports:
-        say("\n".join(show.words(report, arguments.lines) for report in reports))
-    return status
-
-
-def list_scenarios(_arguments: argparse.Namespace, _behind: Optional[List[str]]) -> int:
-    say("".join(f"{name:<22} {scenario.load(name).description}\n" for name in scenario.shipped()))
-    return 0
-
-
-def check(arguments: argparse.Namespace, _behind: Optional[List[str]]) -> int:
-    require_linux()
-    from . import check as checks
-    from .process import HeldSignals
-
-    look, status = checks.update if arguments.update else checks.check, 0
-    for name in arguments.names or scenario.shipped():
-        wanted = scenario.load(name)
-        # Until the scratch folder is gone, signals wait.
-        with HeldSignals(), tempfile.TemporaryDirectory(prefix="vortadev-") as scratch:
-            broken = look(wanted, Path(scratch, "device"), options.run_options(arguments))
-        lines = [f"{name:<22} {'BROKEN' if broken else 'as promised'}", *(f"  {printable(line)}" for line in broken)]
-        say("\n".join(lines) + "\n")
-        status = FAILED if broken else status
-    return status
-
-
-ACTIONS: Dict[str, Callable[[argparse.Namespace, Optional[List[str]]], int]] = {
-    "create": create,
-    "run": run,
-    "show": show_paths,
-    "scenarios": list_scenarios,
-    "check": check,
-    "shell": shell,
-}
-
-
-def help_text() -> str:
-    rows = [f"  {name:<10} {what}" for name, what in COMMANDS.items()]
-    return "\n".join([DESCRIPTION, "", *rows, "", "vortadev COMMAND --help tells more; --version is the version.", ""])
+def parse(command: str, arguments: List[str]) -> argparse.Namespace:
+    """What stands behind -- is for a program on the device, whatever it looks like."""
+    behind: Optional[List[str]] = None
+    if command in ("run", "shell") and "--" in arguments:
+        place = arguments.index("--")
+        arguments, behind = arguments[:place], arguments[place + 1 :]
+    parser = parser_of(command)
+    found, unknown = parser.parse_known_intermixed_args(arguments, argparse.Namespace(behind=behind))
+    if unknown:
+        hint = f"; what is for the device stands behind --: {parser.prog} DEV -- {' '.join(unknown)}"
+        parser.error(f"unknown argument {unknown[0]}{hint if command in ('run', 'shell') else ''}")
+    return found
 
 
 def perform(arguments: List[str]) -> int:
     name = arguments[0] if arguments else ""
     if name in ("--help", "-h"):
-        say(help_text())
+        rows = [f"  {command:<10} {action.__doc__}" for command, action in COMMANDS.items()]
+        say("\n".join([DESCRIPTION, "", *rows, "", "vortadev COMMAND --help tells more; --version is the version.\n"]))
         return 0
     if name == "--version":
         say(f"vortadev {__version__}\n")
         return 0
-    if name not in COMMANDS:
-        near = difflib.get_close_matches(name, COMMANDS, 1)
-        hint = f"did you mean {near[0]}?" if near else "vortadev --help lists the commands"
-        complain(f"unknown command {name}; {hint}" if name else f"a command is missing; {hint}")
-        return USAGE
-    return ACTIONS[name](*parse(parser_of(name), name, arguments[1:]))
-
-
-def parse(parser: Parser, command: str, arguments: List[str]) -> Tuple[argparse.Namespace, Optional[List[str]]]:
-    """The arguments of a command, and what stands behind --; None if there is no --."""
-    behind = None
-    if "--" in arguments:
-        at = arguments.index("--")
-        arguments, behind = arguments[:at], arguments[at + 1 :]
-        if command not in ("run", "shell"):
-            parser.error("nothing can stand behind --")
-    found, unknown = parser.parse_known_intermixed_args(arguments)
-    if unknown and command in ("run", "shell"):
-        example = f"vortadev {command} DEV -- {' '.join(unknown)}"
-        parser.error(
-            f"unknown argument {unknown[0]}; what is for the program on the device stands behind --: {example}"
-        )
-    if unknown:
-        parser.error(f"unknown argument {unknown[0]}")
-    return found, behind
+    if name in COMMANDS:
+        return COMMANDS[name](parse(name, arguments[1:]))
+    near = difflib.get_close_matches(name, COMMANDS, 1)
+    hint = f"did you mean {near[0]}?" if near else "vortadev --help lists the commands"
+    complain(f"unknown command {name}; {hint}" if name else f"a command is missing; {hint}")
+    return USAGE
 
 
 def occupy_standard_descriptors() -> None:
     """A file of a device must never take the place of one that the caller has closed."""
-    for number in (0, 1, 2):
+    for descriptor in (0, 1, 2):
         try:
-            os.fstat(number)
+            os.fstat(descriptor)
         except OSError:
             os.open(os.devnull, os.O_RDWR)
 

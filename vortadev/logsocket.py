@@ -2,9 +2,9 @@
 from __future__ import annotations
 
 import os
+from pathlib import Path
 import socket
 import syslog
-from pathlib import Path
 from typing import List
 
 from .device import LOGCAT_FILE

@@ -4,8 +4,8 @@ from __future__ import annotations
 import errno
 import fcntl
 import os
-import struct
 from pathlib import Path
+import struct
 from typing import Tuple
 
 from .errors import DeviceError

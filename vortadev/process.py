@@ -2,47 +2,44 @@
 to stop."""
 from __future__ import annotations
 
+from contextlib import contextmanager
+from enum import Enum
 import os
 import select
 import signal
 import threading
 import time
-from enum import Enum
-from types import FrameType, TracebackType
-from typing import Any, Callable, Dict, List, Optional, Type
+from typing import Any, Callable, Dict, Iterator, List, Optional
 
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 Source = Callable[[], bool]  # called when its descriptor is readable; False: there will be nothing more
 
 
-class HeldSignals:
+@contextmanager
+def held_signals() -> Iterator[int]:
     """Keeps the signals that end a program back while there is something to put back; one that came is raised again
-    at the end. `reader` is readable from its coming on. Only a main thread can do that; in others nothing changes."""
+    at the end. Gives a descriptor that is readable from its coming on. Only a main thread can do that; in others
+    nothing changes."""
+    reader, writer = os.pipe()
+    came: List[int] = []
 
-    def __enter__(self) -> HeldSignals:
-        self.reader, self._writer = os.pipe()
-        self._came: List[int] = []
-        self._before: Dict[signal.Signals, Any] = {}
-        if threading.current_thread() is threading.main_thread():
-            for number in SIGNALS:
-                if signal.getsignal(number) not in (signal.SIG_IGN, None):
-                    self._before[number] = signal.signal(number, self._take)
-        return self
+    def take(number: int, _frame: Any) -> None:
+        came.append(number)
+        os.write(writer, b"!")
 
-    def _take(self, number: int, _frame: Optional[FrameType]) -> None:
-        self._came.append(number)
-        os.write(self._writer, b"!")
-
-    def __exit__(
-        self, _type: Optional[Type[BaseException]], _error: Optional[BaseException], _trace: Optional[TracebackType]
-    ) -> None:
-        for number, handler in self._before.items():
+    can = threading.current_thread() is threading.main_thread()
+    wanted = [number for number in SIGNALS if can and signal.getsignal(number) not in (signal.SIG_IGN, None)]
+    before = {number: signal.signal(number, take) for number in wanted}
+    try:
+        yield reader
+    finally:
+        for number, handler in before.items():
             signal.signal(number, handler)
-        os.close(self.reader)
-        os.close(self._writer)
-        if self._came:
-            signal.raise_signal(self._came[0])
+        os.close(reader)
+        os.close(writer)
+        if came:
+            signal.raise_signal(came[0])
 
 
 class Ending(Enum):
@@ -62,13 +59,13 @@ def read_into(buffer: bytearray, descriptor: int) -> Source:
     return read
 
 
-def supervise(pid: int, sources: Dict[int, Source], held: HeldSignals, timeout: Optional[float]) -> Ending:
-    """Serves the sources until the child ends, the seconds are over or a signal came."""
+def supervise(pid: int, sources: Dict[int, Source], signals: int, timeout: Optional[float]) -> Ending:
+    """Serves the sources until the child ends, the seconds are over or `signals` is readable."""
     deadline = time.monotonic() + timeout if timeout else None
     ended = os.pidfd_open(pid)
     try:
         poll = select.poll()
-        for descriptor in (ended, held.reader, *sources):
+        for descriptor in (ended, signals, *sources):
             poll.register(descriptor, select.POLLIN)
         while True:
             left = None if deadline is None else max(deadline - time.monotonic(), 0) * 1000
@@ -76,7 +73,7 @@ def supervise(pid: int, sources: Dict[int, Source], held: HeldSignals, timeout: 
             for descriptor in ready:
                 if descriptor in sources and not sources[descriptor]():
                     poll.unregister(descriptor)
-            if held.reader in ready:
+            if signals in ready:
                 return Ending.SIGNALLED
             if ended in ready:
                 return Ending.ENDED

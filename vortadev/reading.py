@@ -5,8 +5,8 @@ from __future__ import annotations
 
 import json
 import os
-import stat
 from pathlib import Path
+import stat
 from typing import Any, Dict, List, Tuple
 
 from . import device as devices
@@ -19,6 +19,12 @@ Report = Dict[str, Any]
 HISTORY_READ_LIMIT = 64 << 20  # far above the daemon's own limit
 RAWDUMP_END = records.MINIDUMP_REGION.offset + records.MINIDUMP_REGION.size
 BOOTFAIL_END = records.META_REGION.offset + records.META_REGION.size
+
+DUMPLOG, FULLDUMPLOG = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
+LOG_FOLDER = "log folder of a phone"
+DUMP_FOLDER = "dump folder of a phone"
+FULLDUMP_FOLDER = "full dump folder of a phone"
+BOOT_FOLDER = "collected boot of a phone"
 
 
 def read(path: Path, kind: str = "") -> Report:
@@ -91,10 +97,7 @@ def speaks(header: bytes) -> bool:
         "fulldumpReservedFlag": (records.FULLDUMP_RESERVED,),
         "boardIdMagic": (records.BOARD_ID_MAGIC,),
     }
-    tag = records.REASON_HEADER.number(header, "corvel") >> 48
-    return tag == records.CORVEL_TAG >> 48 or any(
-        records.REASON_HEADER.number(header, name) in known for name, known in words.items()
-    )
+    return any(records.REASON_HEADER.number(header, name) in known for name, known in words.items())
 
 
 def read_file(path: Path, kind: str, report: Report) -> None:
@@ -176,21 +179,23 @@ def list_folder(folder: Path) -> Dict[str, bool]:
 
 
 def read_folder(path: Path, report: Report) -> None:
-    list_folder(path)  # says why, if it cannot be read at all
+    entries = list_folder(path)
     if devices.is_device(path):
         read_device(path, report)
         return
-    folder = path.resolve()
-    kind = pulled_kind(folder)
-    if not kind:
-        folder, kind = nested_folder(folder)
-        report["path"] = printable(str(folder))
-    report["kind"] = kind
-    if kind == "log folder of a phone":
+    # What pulls a folder of a phone may put one around it.
+    inside = [path / name for name, is_folder in entries.items() if is_folder and os.access(path / name, os.R_OK)]
+    folders = [path] if pulled_kind(path) else [folder for folder in inside if pulled_kind(folder)]
+    if len(folders) != 1:
+        more = f"; it holds {len(folders)}, which can be named" if folders else ""
+        raise DeviceError(f"{path} is neither a simulated device nor a log folder of a phone{more}")
+    folder, kind = folders[0], pulled_kind(folders[0])
+    report["path"], report["kind"] = printable(str(folder)), kind
+    if kind == LOG_FOLDER:
         read_reliability(folder, report)
-    elif kind == "full dump folder of a phone":
+    elif kind == FULLDUMP_FOLDER:
         report["fulldumps"] = read_collected(folder)
-    elif kind == "dump folder of a phone":
+    elif kind == DUMP_FOLDER:
         read_dumplog(folder, report)
     else:
         report["dumps"] = [read_collected(folder)]
@@ -198,26 +203,15 @@ def read_folder(path: Path, report: Report) -> None:
 
 def pulled_kind(folder: Path) -> str:
     """What kind of folder of a phone this is; empty if it is none."""
-    entries = list_folder(folder)
-    dumplog, fulldumplog = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
-    if entries.get(dumplog) or entries.get(fulldumplog):
-        return "log folder of a phone"
-    if folder.name == fulldumplog:
-        return "full dump folder of a phone"
-    boots = any(is_folder and phone.RECORD_TIME.fullmatch(name) for name, is_folder in entries.items())
-    if boots or folder.name == dumplog or phone.HISTORY_NAME in entries:
-        return "dump folder of a phone"
-    return "collected boot of a phone" if phone.RECORD_TIME.fullmatch(folder.name) else ""
-
-
-def nested_folder(folder: Path) -> Tuple[Path, str]:
-    """The folder of a phone that lies in this one: what pulls it may put one around it."""
-    inside = [folder / name for name, is_folder in list_folder(folder).items() if is_folder]
-    found = [(child, kind) for child in inside if os.access(child, os.R_OK) for kind in [pulled_kind(child)] if kind]
-    if len(found) != 1:
-        more = f"; it holds {len(found)}, which can be named" if found else ""
-        raise DeviceError(f"{folder} is neither a simulated device nor a log folder of a phone{more}")
-    return found[0]
+    entries, name = list_folder(folder), folder.resolve().name
+    if entries.get(DUMPLOG) or entries.get(FULLDUMPLOG):
+        return LOG_FOLDER
+    if name == FULLDUMPLOG:
+        return FULLDUMP_FOLDER
+    boots = any(is_folder and phone.RECORD_TIME.fullmatch(entry) for entry, is_folder in entries.items())
+    if boots or name == DUMPLOG or phone.HISTORY_NAME in entries:
+        return DUMP_FOLDER
+    return BOOT_FOLDER if phone.RECORD_TIME.fullmatch(name) else ""
 
 
 def read_device(device: Path, report: Report) -> None:
@@ -235,14 +229,16 @@ def read_device(device: Path, report: Report) -> None:
 
 
 def read_reliability(folder: Path, report: Report) -> None:
-    read_dumplog(folder / Path(phone.DUMPLOG).name, report)
-    fulldumps = folder / Path(phone.FULLDUMPLOG).name
+    read_dumplog(folder / DUMPLOG, report)
+    fulldumps = folder / FULLDUMPLOG
     if fulldumps.is_dir() and not fulldumps.is_symlink():
         report["fulldumps"] = read_collected(fulldumps)
 
 
 def read_dumplog(folder: Path, report: Report) -> None:
     try:
+        if folder.is_symlink():
+            raise DeviceError(f"{folder} is no folder")
         entries = list_folder(folder)
         report["dumps"] = [read_collected(folder / name) for name, is_folder in entries.items() if is_folder]
         if phone.HISTORY_NAME in entries:
@@ -261,7 +257,7 @@ def read_collected(folder: Path) -> Report:
             if not stat.S_ISDIR(found.st_mode):  # a link may lead to one
                 sizes[path.relative_to(folder).as_posix()] = found.st_size if stat.S_ISREG(found.st_mode) else 0
     report: Report = {
-        "name": printable(folder.name),
+        "name": printable(folder.resolve().name),
         "size": sum(sizes.values()),
         "done": phone.DONE_NAME in sizes,
         "files": {printable(name): sizes[name] for name in sorted(sizes)},

@@ -12,13 +12,13 @@ import re
 import shutil
 import signal
 import subprocess
-from typing import Dict, List, Optional, Sequence
+from typing import Dict, List, Optional, Sequence, Union
 
 from . import bubblewrap, device as devices, loop, phone, records
 from .bubblewrap import Options
 from .errors import DeviceError, printable, size_text
 from .logsocket import LogSocket
-from .process import Ending, HeldSignals, Source, read_into, supervise
+from .process import Ending, Source, held_signals, read_into, supervise
 
 __all__ = ["Options", "Run", "run"]
 
@@ -52,14 +52,17 @@ def run(
     folder = device.absolute()
     require_runnable(folder, options)
     # Signals outermost, so that one is raised when all else is put back.
-    with HeldSignals() as held, ExitStack() as stack:
+    with held_signals() as signals, ExitStack() as stack:
         stack.callback(os.close, lock(folder))
         log = LogSocket(folder)
         stack.callback(log.close)
         loops = attach_loops(folder, stack) if options.loop else None
-        stack.callback(shutil.rmtree, folder / bubblewrap.NEW_DATA, ignore_errors=True)
+        if options.data_size is not None:
+            make_new_data(folder, stack)
         sandbox = bubblewrap.command_line(folder, options, log.path, loops)
-        ended = serve([*sandbox, *bubblewrap.command(program, arguments, options)], options, log, held, capture)
+        ended = serve([*sandbox, *bubblewrap.command(program, arguments, options)], options, log, signals, capture)
+        if options.data_size is not None and not ended.timed_out:
+            keep_new_data(folder)
     return ended
 
 
@@ -113,52 +116,75 @@ def attach_loops(folder: Path, stack: ExitStack) -> Dict[str, str]:
     return loops
 
 
-def serve(arguments: List[str], options: Options, log: LogSocket, held: HeldSignals, capture: bool) -> Run:
+def make_new_data(folder: Path, stack: ExitStack) -> None:
+    """The folder that the sandbox fills with what a small /data holds at the end; it goes with the stack."""
+    new_data = folder / bubblewrap.NEW_DATA
+    shutil.rmtree(new_data, ignore_errors=True)  # of a run that was killed
+    new_data.mkdir()
+    stack.callback(shutil.rmtree, new_data, ignore_errors=True)
+
+
+def keep_new_data(folder: Path) -> None:
+    """Only here, with signals held, does the device change: a run that was ended early leaves it as it was."""
+    data, new_data, old_data = folder / "data", folder / bubblewrap.NEW_DATA, folder / "data.old"
+    data.rename(old_data)
+    new_data.rename(data)
+    shutil.rmtree(old_data)
+
+
+def serve(arguments: List[str], options: Options, log: LogSocket, signals: int, capture: bool) -> Run:
     """Starts bubblewrap and serves its descriptors to the end."""
-    out, err, status = bytearray(), bytearray(), bytearray()
     reader, writer = os.pipe()
     arguments[1:1] = ["--json-status-fd", str(writer)]
     pipe, null = (subprocess.PIPE, subprocess.DEVNULL) if capture else (None, None)
     umask = options.umask if options.umask is not None else INIT_UMASK if options.as_init else 0
-    with open(reader, "rb", buffering=0), subprocess.Popen(
+    with open(reader, "rb", buffering=0) as status, subprocess.Popen(
         arguments, stdin=null, stdout=pipe, stderr=pipe, bufsize=0, umask=umask, pass_fds=[writer]
     ) as child:
         os.close(writer)
-        sources: Dict[int, Source] = {reader: read_into(status, reader), log.fileno(): log.receive}
-        for stream, text in ((child.stdout, out), (child.stderr, err)):
-            if stream:
-                sources[stream.fileno()] = read_into(text, stream.fileno())
-        ending = None
-        try:
-            ending = supervise(child.pid, sources, held, options.timeout)
-        finally:
-            if ending is not Ending.ENDED:
-                # With the first process of the sandbox all others in it go; bubblewrap reports that end.
-                with suppress(ProcessLookupError):
-                    os.kill(number_told(status, "child-pid") or child.pid, signal.SIGKILL)
-        child.wait()
-        for source in sources.values():
-            while source():
-                pass
-    code = number_told(status, "exit-code")
-    require_whole(ending, code, err, options)
-    lines = b"".join(log.lines).decode("utf-8", "surrogateescape")
-    timed_out = ending is Ending.TIMED_OUT
-    return Run(KILLED if timed_out or code is None else code, timed_out, bytes(out), bytes(err), lines)
+        streams = [stream.fileno() if stream else -1 for stream in (status, child.stdout, child.stderr)]
+        texts = [bytearray() for _ in streams]
+        sources = {stream: read_into(text, stream) for stream, text in zip(streams, texts) if stream >= 0}
+        ending = attend(child, texts[0], {**sources, log.fileno(): log.receive}, signals, options.timeout)
+    return result(ending, [bytes(text) for text in texts], options, log)
 
 
-def number_told(status: bytes, member: str) -> Optional[int]:
+def attend(
+    child: subprocess.Popen[bytes], told: bytearray, sources: Dict[int, Source], signals: int, timeout: Optional[float]
+) -> Ending:
+    """Serves the child until it ends by itself, or ends it."""
+    ending = None
+    try:
+        ending = supervise(child.pid, sources, signals, timeout)
+    finally:
+        if ending is not Ending.ENDED:
+            # With the first process of the sandbox all others in it go; bubblewrap reports that end.
+            with suppress(ProcessLookupError):
+                os.kill(number_told(told, "child-pid") or child.pid, signal.SIGKILL)
+    child.wait()
+    for source in sources.values():
+        while source():
+            pass
+    return ending
+
+
+def number_told(told: Union[bytes, bytearray], member: str) -> Optional[int]:
     """A number out of what bubblewrap tells about the sandbox: JSON objects."""
-    found = re.search(rf'"{member}": *(\d+)'.encode("ascii"), status)
+    found = re.search(rf'"{member}": *(\d+)'.encode("ascii"), told)
     return int(found[1]) if found else None
 
 
-def require_whole(ending: Optional[Ending], code: Optional[int], err: bytes, options: Options) -> None:
+def result(ending: Ending, texts: List[bytes], options: Options, log: LogSocket) -> Run:
+    told, out, err = texts
+    status = number_told(told, "exit-code")
     if ending is Ending.SIGNALLED:
         raise DeviceError("the run was interrupted")
-    if ending is Ending.ENDED and code is None:
+    if ending is Ending.ENDED and status is None:
         reason = printable(err.decode("utf-8", "replace").strip())
         raise DeviceError("bubblewrap could not set up the sandbox" + (f": {reason}" if reason else ""))
-    failure = bubblewrap.DATA_FAILURES.get(code or 0)
+    failure = bubblewrap.DATA_FAILURES.get(status or 0)
     if options.data_size is not None and failure:
         raise DeviceError(failure.format(size=size_text(options.data_size)))
+    timed_out = ending is Ending.TIMED_OUT
+    lines = b"".join(log.lines).decode("utf-8", "surrogateescape")
+    return Run(KILLED if timed_out or status is None else status, timed_out, out, err, lines)

@@ -99,13 +99,13 @@ def reserved_text(flag: str, what: str, offset: int) -> str:
 
 
 def dump_text(header: Report) -> str:
-    at = hexadecimal(header["offset"])
+    place = hexadecimal(header["offset"])
     if "problem" in header:
         return f"damaged: {header['problem']}"
     if not any(header[field.name] for field in records.DUMP_HEADER.fields):
-        return f"nothing waits, the header at {at} is clear"
+        return f"nothing waits, the header at {place} is clear"
     waits = "a dump waits" if header["waiting"] else "nothing waits"
-    return f"{waits} at {at}, flag {hexadecimal(header['flag'])}, texts \"{header['text0']}\" \"{header['text1']}\""
+    return f"{waits} at {place}, flag {hexadecimal(header['flag'])}, texts \"{header['text0']}\" \"{header['text1']}\""
 
 
 def meta_lines(meta: Report) -> List[str]:

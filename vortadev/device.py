@@ -24,7 +24,7 @@ SCENARIO_FILE = "scenario.json"
 LOGCAT_FILE = "logcat.txt"
 FACTORY_EVENTS = "/data/vendor/factory/events.txt"  # what the device's factory library was told
 
-FACTORY_LIBRARIES = Path(__file__).parents[1] / "build" / "host" / "device"
+FACTORY_LIBRARIES = Path(__file__).resolve().parents[1] / "build/host"
 FACTORY_NAMES = {"present": "lib_factory_interface.so", "withoutSymbol": "lib_factory_without_symbol.so"}
 TOOLS = ("cat", "strings", "ls", "head", "tail", "xxd", "stat")  # links to toybox
 

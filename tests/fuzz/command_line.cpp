@@ -2,7 +2,7 @@
 // hexadecimal number of the corvel item.
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
-#include "fuzz/Phone.h"
+#include "tests/fuzz/Phone.h"
 #include "rainbow/BootReason.h"
 #include "rainbow/RainbowPaths.h"
 

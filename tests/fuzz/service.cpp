@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "common/VortaParseFactory.h"
-#include "fuzz/Phone.h"
+#include "tests/fuzz/Phone.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
 

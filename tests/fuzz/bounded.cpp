@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "common/BoundedFunctions.h"
-#include "fuzz/Phone.h"
+#include "tests/fuzz/Phone.h"
 
 using fuzz::Require;
 

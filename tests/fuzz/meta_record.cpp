@@ -1,7 +1,7 @@
 // Fuzzes the full dump's meta record and the descriptor that replaces it: which of the two is used,
 // and what reaches the partition.
 #include "common/VortaUtils.h"
-#include "fuzz/Phone.h"
+#include "tests/fuzz/Phone.h"
 #include "rainbow/RainbowHandle.h"
 
 using fuzz::Require;

@@ -2,7 +2,7 @@
 // verdict on the latest complete record, and whether it uses the ship mode marker up.
 #include <vector>
 
-#include "fuzz/Phone.h"
+#include "tests/fuzz/Phone.h"
 #include "rainbow/BootReason.h"
 #include "rainbow/RainbowPaths.h"
 

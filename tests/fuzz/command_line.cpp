@@ -2,9 +2,9 @@
 // hexadecimal number of the corvel item.
 #include "common/BoundedFunctions.h"
 #include "common/VortaUtils.h"
-#include "tests/fuzz/Phone.h"
 #include "rainbow/BootReason.h"
 #include "rainbow/RainbowPaths.h"
+#include "tests/fuzz/Phone.h"
 
 using fuzz::Require;
 

@@ -1,8 +1,8 @@
 // Fuzzes the full dump's meta record and the descriptor that replaces it: which of the two is used,
 // and what reaches the partition.
 #include "common/VortaUtils.h"
-#include "tests/fuzz/Phone.h"
 #include "rainbow/RainbowHandle.h"
+#include "tests/fuzz/Phone.h"
 
 using fuzz::Require;
 

@@ -2,9 +2,9 @@
 // verdict on the latest complete record, and whether it uses the ship mode marker up.
 #include <vector>
 
-#include "tests/fuzz/Phone.h"
 #include "rainbow/BootReason.h"
 #include "rainbow/RainbowPaths.h"
+#include "tests/fuzz/Phone.h"
 
 namespace {
 

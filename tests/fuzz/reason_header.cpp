@@ -1,9 +1,9 @@
 // Fuzzes the reason header, the history and the user type: the input is a header as it lies on the
 // partition and a row of operations on it, which a model of the record follows.
 #include "common/VortaUtils.h"
-#include "tests/fuzz/Phone.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
+#include "tests/fuzz/Phone.h"
 
 using fuzz::Require;
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "common/VortaParseFactory.h"
-#include "tests/fuzz/Phone.h"
 #include "rainbow/RainbowHandle.h"
 #include "rainbow/RainbowPaths.h"
+#include "tests/fuzz/Phone.h"
 
 namespace fs = std::filesystem;
 using fuzz::Require;

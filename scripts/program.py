@@ -15,8 +15,9 @@ class CommandLine(argparse.ArgumentParser):
     """A command line whose help is the program's own text, and which refuses what is wrong in one line."""
 
     def __init__(self, name: str, about: str | None) -> None:
-        super().__init__(name, description=about, allow_abbrev=False,
-                         formatter_class=argparse.RawDescriptionHelpFormatter)
+        super().__init__(
+            name, description=about, allow_abbrev=False, formatter_class=argparse.RawDescriptionHelpFormatter
+        )
 
     def error(self, message: str) -> NoReturn:
         self.exit(2, f"{self.prog}: {message}; --help says what there is\n")
@@ -44,8 +45,9 @@ def place_for(result: Path) -> None:
 
 def run(*command: str | Path, env: dict[str, str] | None = None) -> None:
     """A step whose output matters only when it fails; then the program ends."""
-    done = subprocess.run(command, cwd=ROOT, env=env, text=True, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, check=False)
+    done = subprocess.run(
+        command, cwd=ROOT, env=env, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False
+    )
     if done.returncode != 0:
         sys.exit(f"{done.stdout}{NAME}: {' '.join(map(str, command))} failed")
 

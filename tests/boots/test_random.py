@@ -35,7 +35,10 @@ def randomised(make_phone: MakePhone, random: Random) -> Phone:
 
 
 def arguments(random: Random) -> List[str]:
-    return [random.choice(("-h", "-r", "-r", "-r")), "".join(random.choices("minduxp-\n\x7f", k=random.randrange(1, 13)))]
+    return [
+        random.choice(("-h", "-r", "-r", "-r")),
+        "".join(random.choices("minduxp-\n\x7f", k=random.randrange(1, 13))),
+    ]
 
 
 @pytest.mark.parametrize("seed", range(1, int(os.environ.get("VORTA_RANDOM_BOOTS", "8")) + 1))

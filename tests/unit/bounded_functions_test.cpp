@@ -2,6 +2,8 @@
 #include "common/BoundedFunctions.h"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <string>
@@ -40,6 +42,7 @@ TEST(MemcpyS, CodesAndEffects) {
     } cases[] = {
         {"fits", source, 8, 8, 0, "abcdefgh"},
         {"nothing", source, 8, 0, 0, kUntouched},
+        {"largest size", source, kBoundedMax, 8, 0, "abcdefgh"},
         {"no size", source, 0, 1, 34, kUntouched},
         {"size too large", source, kTooMuch, 1, 34, kUntouched},
         {"no source", nullptr, 8, 1, 150, kCleared},
@@ -73,7 +76,7 @@ TEST(MemsetS, CodesAndEffects) {
         std::string content;
     } cases[] = {
         {8, 3, 0, "xxxddddd"},         {0, 0, 0, kUntouched},   {0, 1, 34, kUntouched},
-        {kTooMuch, 1, 34, kUntouched}, {8, 9, 162, "xxxxxxxx"},
+        {kTooMuch, 1, 34, kUntouched}, {8, 9, 162, "xxxxxxxx"}, {kBoundedMax, 3, 0, "xxxddddd"},
     };
     for (const auto& c : cases) {
         Destination d;
@@ -99,6 +102,7 @@ TEST(StrncpyS, CodesAndEffects) {
         {"large count, short text", 8, "abc", 100, 0, std::string("abc\0dddd", 8)},
         {"no room for the terminator", 8, "abcdefgh", 8, 162, emptied},
         {"exactly full", 8, "abcdefgh", 7, 0, std::string("abcdefg\0", 8)},
+        {"largest size and count", kBoundedMax, "abc", kBoundedMax, 0, std::string("abc\0dddd", 8)},
         {"no size", 0, "abc", 3, 34, kUntouched},
         {"size too large", kTooMuch, "abc", 3, 34, kUntouched},
         {"no source", 8, nullptr, 3, 150, emptied},
@@ -139,12 +143,15 @@ TEST(VsnprintfS, CodesAndEffects) {
         {8, 8, "12345678", -1, ""},  // the count leaves no room: emptied
         {0, 3, "12", -1, "dddddddd"},
         {8, kBoundedMax, "12", -1, ""},
+        {8, kBoundedMax - 1, "12", 2, "12"},
+        {kBoundedMax, 3, "12", 2, "12"},
+        {kTooMuch, 3, "12", -1, "dddddddd"},
     };
     for (const auto& c : cases) {
         Destination d;
         EXPECT_EQ(Format(d.dest, c.destMax, c.count, "%s", c.text), c.result) << c.text;
         EXPECT_EQ(d.content().substr(0, c.kept.size()), c.kept) << c.text;
-        EXPECT_TRUE(c.destMax == 0 || d.dest[c.kept.size()] == '\0') << c.text;
+        EXPECT_TRUE(c.kept.size() == 8 || d.dest[c.kept.size()] == '\0') << c.text;
         EXPECT_TRUE(d.guardsHold());
     }
     Destination d;
@@ -194,7 +201,8 @@ TEST(SscanfS, TextFieldsStayInTheirRoom) {
     EXPECT_EQ(d.content(), "abcddddd");
     EXPECT_EQ(sscanf_s("abcde", "%5c", d.dest, size_t{4}), 0);
     EXPECT_EQ(sscanf_s("ab", "%s", nullptr, size_t{4}), 0);
-    EXPECT_EQ(sscanf_s("ab", "%s", d.dest, kBoundedMax + 1), 0);
+    EXPECT_EQ(sscanf_s("ab", "%s", d.dest, kBoundedMax), 1);
+    EXPECT_EQ(sscanf_s("ab", "%s", d.dest, kTooMuch), 0);
 }
 
 // As with the C library, a scan ends at the first piece of the format that does not match.
@@ -213,9 +221,27 @@ TEST(SscanfS, EndsWhereTheFormatEnds) {
         EXPECT_EQ(sscanf_s(c.input, c.format, &number), c.fields) << c.input << " " << c.format;
         EXPECT_EQ(number, c.number) << c.input << " " << c.format;
     }
-    const std::string longest(kBoundedMax + 1, '1');
-    int number = -1;
-    EXPECT_EQ(sscanf_s(longest.c_str(), "%d", &number), -1);
+}
+
+// The same memory over and over, in front of a zero: a text of 2 GiB that takes none of its own.
+TEST(SscanfS, LongestInput) {
+    constexpr size_t kBlock = 16 << 20, kBlocks = 128;
+    const int file = memfd_create("text", 0);
+    const std::string block(kBlock, '1');
+    ASSERT_EQ(write(file, block.data(), kBlock), static_cast<ssize_t>(kBlock));
+    void* const memory = mmap(nullptr, (kBlocks + 1) * kBlock, PROT_READ,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    char* const text = static_cast<char*>(memory);
+    for (size_t i = 0; i < kBlocks; ++i) {
+        ASSERT_NE(mmap(text + i * kBlock, kBlock, PROT_READ, MAP_SHARED | MAP_FIXED, file, 0),
+                  MAP_FAILED);
+    }
+    int number = 0;
+    EXPECT_EQ(sscanf_s(text, "%1d", &number), -1);
+    EXPECT_EQ(sscanf_s(text + 1, "%1d", &number), 1);
+    EXPECT_EQ(munmap(memory, (kBlocks + 1) * kBlock), 0);
+    EXPECT_EQ(close(file), 0);
 }
 
 TEST(SscanfS, MixedConversionsAndPositions) {

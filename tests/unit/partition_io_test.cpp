@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -146,30 +147,101 @@ TEST_F(PartitionIo, ReadRetryIsAllOrNothingAtTheEnd) {
     EXPECT_EQ(handle.WriteRetry(-1, buffer, 0), 0);
 }
 
-// A pipe gives short transfers, and signals interrupt them.
-TEST_F(PartitionIo, TransfersOutlastSignalsAndShortReads) {
-    int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);  // no SA_RESTART
-    const pthread_t reader = pthread_self();
-    std::vector<uint8_t> sent(kChunk, 'x');
-    std::thread writer([&] {
+// The process's own memory can be opened and positioned like a partition; nothing is at address 0.
+TEST_F(PartitionIo, FailedTransfersAreToldAndFail) {
+    const int readOnly = open(filePath.c_str(), O_RDONLY);
+    handle.IsPartValid("/proc/self/mem", kModeUserdata);
+    const struct {
+        uint8_t mode;
+        int target;
+        int64_t size;
+        const char* log;
+    } copies[] = {
+        {kModeUserdata, file, 100, "[vorta] [ReadRetry] dump read error: 5\n"},
+        {kModeRawdump, readOnly, 100, "[vorta] [WriteRetry] dump write error: 9\n"},
+        {kModeUserdata, file, kChunk,
+         "[vorta] [ReadRetry] dump read error: 5\n[vorta] [PartToEmmc] ReadRetry failed.\n"},
+        {kModeRawdump, readOnly, kChunk,
+         "[vorta] [WriteRetry] dump write error: 9\n[vorta] [PartToEmmc] WriteRetry failed.\n"},
+    };
+    for (const auto& c : copies) {
+        std::string log =
+            Stderr([&] { EXPECT_EQ(handle.PartToEmmc(c.target, 0, c.size, c.mode), -1); });
+        EXPECT_EQ(log.erase(0, log.find('\n') + 1), c.log);  // the first line tells what is copied
+    }
+    uint8_t byte = 0;
+    EXPECT_EQ(Stderr([&] { EXPECT_EQ(handle.PartCommonRW(0, &byte, 1, kRead, 1), -1); }),
+              "[vorta] [PartCommonRW] read fail, errno = 5\n");
+    EXPECT_EQ(Stderr([&] { EXPECT_EQ(handle.PartCommonRW(0, &byte, 1, kWrite, 1), -1); }),
+              "[vorta] [PartCommonRW] write fail, errno = 5\n");
+    close(readOnly);
+}
+
+// Two ends that are connected; a packet that is longer than what is asked for loses its rest.
+class Connected : public testing::Test {
+  protected:
+    void Connect(int type) {
+        ASSERT_EQ(socketpair(AF_UNIX, type, 0, ends), 0);
+        struct sigaction action = {};
+        action.sa_handler = [](int) {};
+        ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);  // no SA_RESTART
+    }
+    void TearDown() override {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    // From another thread, until the caller's transfer has surely been interrupted while it waits.
+    static void Interrupt(pthread_t thread) {
         for (int i = 0; i < 20; ++i) {
-            pthread_kill(reader, SIGUSR1);
             usleep(1000);
+            pthread_kill(thread, SIGUSR1);
         }
-        EXPECT_EQ(handle.WriteRetry(ends[1], sent.data(), kChunk), 0);
+    }
+
+    RainbowHandle handle;
+    int ends[2] = {};
+};
+
+TEST_F(Connected, AShortReadAsksForTheRestOnly) {
+    Connect(SOCK_SEQPACKET);
+    const std::string packet(300, 'x');
+    ASSERT_EQ(write(ends[1], packet.data(), 100), 100);
+    ASSERT_EQ(write(ends[1], packet.data(), 300), 300);
+    std::string received(600, 'g');
+    EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), 200), 200);
+    EXPECT_EQ(received, std::string(200, 'x') + std::string(400, 'g'));
+}
+
+TEST_F(Connected, AnInterruptedReadGoesOn) {
+    Connect(SOCK_STREAM);
+    std::thread sender([this, reader = pthread_self()] {
+        Interrupt(reader);
+        EXPECT_EQ(write(ends[1], "half", 4), 4);
+        Interrupt(reader);
+        EXPECT_EQ(write(ends[1], "rest", 4), 4);
     });
-    std::vector<uint8_t> received(kChunk);
-    const std::string log =
-        Stderr([&] { EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), kChunk), kChunk); });
-    writer.join();
-    EXPECT_EQ(received, sent);
-    EXPECT_EQ(log, "");
-    close(ends[0]);
-    close(ends[1]);
+    char received[9] = {};
+    EXPECT_EQ(handle.ReadRetry(ends[0], received, 8), 8);
+    sender.join();
+    EXPECT_STREQ(received, "halfrest");
+}
+
+TEST_F(Connected, AnInterruptedWriteGoesOn) {
+    Connect(SOCK_STREAM);
+    std::string sent(4 * kChunk, 'x');  // far more than the socket takes at once
+    std::iota(sent.begin(), sent.end(), 'a');
+    std::string received;
+    std::thread receiver([this, &received, writer = pthread_self()] {
+        Interrupt(writer);
+        char buffer[4096];
+        for (ssize_t n = 0; (n = read(ends[0], buffer, sizeof(buffer))) > 0;) {
+            received.append(buffer, static_cast<size_t>(n));
+        }
+    });
+    EXPECT_EQ(handle.WriteRetry(ends[1], sent.data(), static_cast<int64_t>(sent.size())), 0);
+    ASSERT_EQ(shutdown(ends[1], SHUT_WR), 0);
+    receiver.join();
+    EXPECT_TRUE(received == sent);
 }
 
 TEST(FulldumpCrc32, Values) {

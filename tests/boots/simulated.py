@@ -4,9 +4,9 @@ from __future__ import annotations
 from dataclasses import replace
 import os
 from pathlib import Path
-from typing import Any, Dict, List, Sequence
+from typing import Any, Dict, List, Sequence, Tuple
 
-from vortadev import check, device, phone, records, sandbox, scenario
+from vortadev import check, device, records, sandbox, scenario
 
 VARIATIONS = Path(__file__).parent / "variations"
 DUMPLOG = "data/vendor/log/reliability/dumplog"  # on disk
@@ -25,6 +25,12 @@ def options() -> sandbox.Options:
         made.binds.append((named["GCOV"], "/gcov"))
         made.environment["GCOV_PREFIX"] = "/gcov"
     return made
+
+
+def traced(*arguments: str, binds: Sequence[Tuple[str, str]] = ()) -> Dict[str, Any]:
+    """Options for a run under strace, where a leak checker cannot work."""
+    wrapper = ["strace", "-qq", *arguments]
+    return {"wrapper": wrapper, "binds": [*options().binds, *binds], "environment": {"ASAN_OPTIONS": "detect_leaks=0"}}
 
 
 def variation(name: str) -> scenario.Scenario:

@@ -7,11 +7,11 @@ import os
 from pathlib import Path
 import re
 import shutil
-from typing import List
+from typing import Dict
 
 from conftest import MakePhone
 import pytest
-from simulated import DUMPLOG, FULLDUMPLOG, Phone, options, variation
+from simulated import DUMPLOG, FULLDUMPLOG, Phone, options, traced, variation
 
 from vortadev import device, loop, scenario
 from vortadev.errors import DeviceError
@@ -131,6 +131,25 @@ def test_uncollected_minidump_is_collected_later(make_phone: MakePhone, name: st
     assert (folder / "DONE").exists() and not phone.minidump_waits()
 
 
+@pytest.mark.skipif(options().emulator is not None, reason="strace is one of this machine")
+def test_minidump_without_its_packed_file_waits(make_phone: MakePhone, scratch: Path) -> None:
+    """The first boot tells which call of the daemon opens the file, the second one refuses it."""
+    trace = scratch / "trace"
+    trace.touch()
+    bound = [(str(trace), "/trace")]
+    make_phone(variation("panic")).boot(
+        **traced("-o", "/trace", "-e", "trace=openat", "-e", "signal=none", binds=bound)
+    )
+    calls = trace.read_text().splitlines()
+    when = next(number for number, call in enumerate(calls, 1) if "rawdump.bin" in call)
+    refused = f"inject=openat:error=ENOSPC:when={when}"
+    phone = make_phone(variation("panic"))
+    log = phone.boot(**traced("-o", "/dev/null", "-e", "trace=openat", "-e", refused)).run.log
+    assert re.search(r"^E vorta: \[DumpFileCreate\] open file /data/\S+/rawdump.bin errno = 28$", log, re.M)
+    assert "[DumpFileCompress]" not in log and phone.minidump_waits()
+    assert sorted(path.name for path in phone.boots()[0].glob("*.bin")) == ["tmp.bin"]
+
+
 @pytest.mark.parametrize(
     "arguments, fields",
     [
@@ -138,7 +157,7 @@ def test_uncollected_minidump_is_collected_later(make_phone: MakePhone, name: st
         ("-r boot", {12: b"LAMN", 20: b"\1\0\0\0DLAVDLAV", 40: b"NORMALBOOT", 72: b"PS_HOLD", 404: b"3"}),
     ],
 )
-def test_what_rawdump_does_not_hold_is_zeros(make_phone: MakePhone, arguments: str, fields: dict[int, bytes]) -> None:
+def test_what_rawdump_does_not_hold_is_zeros(make_phone: MakePhone, arguments: str, fields: Dict[int, bytes]) -> None:
     """An empty file stands for it; the record that is written to it holds the daemon's fields and no stray memory."""
     wanted = scenario.load("normal-restart")
     phone = make_phone(replace(wanted, partitions={**wanted.partitions, "rawdump": 0}))

@@ -11,16 +11,13 @@ from typing import Any, Dict
 
 import pytest
 from conftest import MakePhone
-from simulated import DUMPLOG, FULLDUMPLOG, VARIATIONS, options
+from simulated import DUMPLOG, FULLDUMPLOG, VARIATIONS, options, traced
 
 from vortadev import scenario
 
-# Storage refuses every flush. The leak checker cannot work under strace.
-NO_FLUSH = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "trace=fsync", "-e", "inject=fsync:error=EIO"]
-UNTRACED = {"wrapper": NO_FLUSH, "environment": {"ASAN_OPTIONS": "detect_leaks=0"}}
-
 # What a scenario cannot say: how it is booted, and folders that are not there.
-OPTIONS: Dict[str, Dict[str, Any]] = {"data-read-only": {"read_only_data": True}, "flush-fails": UNTRACED}
+NO_FLUSH = traced("-o", "/dev/null", "-e", "trace=fsync", "-e", "inject=fsync:error=EIO")
+OPTIONS: Dict[str, Dict[str, Any]] = {"data-read-only": {"read_only_data": True}, "flush-fails": NO_FLUSH}
 MISSING = {"dump-folder-missing": DUMPLOG, "full-dump-folder-missing": FULLDUMPLOG}
 
 ALL = [*scenario.shipped(), *(str(file) for file in sorted(VARIATIONS.glob("*.json")))]

@@ -22,9 +22,9 @@ struct Destination {
         memset(dest, 'd', 8);
         bytes[16] = '\0';
     }
-    std::string content() const { return std::string(dest, 8); }
-    bool guardsHold() const {
-        return memcmp(bytes, "gggg", 4) == 0 && memcmp(dest + 8, "gggg", 4) == 0;
+    std::string content() const {
+        const bool guardsHold = memcmp(bytes, "gggg", 4) == 0 && memcmp(dest + 8, "gggg", 4) == 0;
+        return guardsHold ? std::string(dest, 8) : "written outside";
     }
 };
 
@@ -34,25 +34,20 @@ const std::string kCleared(8, '\0');
 TEST(MemcpyS, CodesAndEffects) {
     const char source[] = "abcdefghijkl";
     const struct {
-        const char* name;
         const char* src;
         size_t destMax, count;
         int code;
         std::string content;
     } cases[] = {
-        {"fits", source, 8, 8, 0, "abcdefgh"},
-        {"nothing", source, 8, 0, 0, kUntouched},
-        {"largest size", source, kBoundedMax, 8, 0, "abcdefgh"},
-        {"no size", source, 0, 1, 34, kUntouched},
-        {"size too large", source, kTooMuch, 1, 34, kUntouched},
-        {"no source", nullptr, 8, 1, 150, kCleared},
-        {"too much", source, 8, 9, 162, kCleared},
+        {source, 8, 8, 0, "abcdefgh"},           {source, 8, 0, 0, kUntouched},
+        {source, kBoundedMax, 8, 0, "abcdefgh"}, {source, 0, 1, 34, kUntouched},
+        {source, kTooMuch, 1, 34, kUntouched},   {nullptr, 8, 1, 150, kCleared},
+        {source, 8, 9, 162, kCleared},
     };
     for (const auto& c : cases) {
         Destination d;
-        EXPECT_EQ(memcpy_s(d.dest, c.destMax, c.src, c.count), c.code) << c.name;
-        EXPECT_EQ(d.content(), c.content) << c.name;
-        EXPECT_TRUE(d.guardsHold()) << c.name;
+        EXPECT_EQ(memcpy_s(d.dest, c.destMax, c.src, c.count), c.code) << &c - cases;
+        EXPECT_EQ(d.content(), c.content) << &c - cases;
     }
     EXPECT_EQ(memcpy_s(nullptr, 8, source, 1), 22);
 }
@@ -82,38 +77,36 @@ TEST(MemsetS, CodesAndEffects) {
         Destination d;
         EXPECT_EQ(memset_s(d.dest, c.destMax, 'x', c.count), c.code);
         EXPECT_EQ(d.content(), c.content);
-        EXPECT_TRUE(d.guardsHold());
     }
     EXPECT_EQ(memset_s(nullptr, 8, 0, 1), 22);
 }
 
 TEST(StrncpyS, CodesAndEffects) {
+    const std::string kept("abc\0dddd", 8);
     const std::string emptied = std::string(1, '\0') + "ddddddd";
     const struct {
-        const char* name;
         size_t destMax;
         const char* src;
         size_t count;
         int code;
         std::string content;
     } cases[] = {
-        {"whole text", 8, "abc", 3, 0, std::string("abc\0dddd", 8)},
-        {"count limits", 8, "abcdef", 2, 0, std::string("ab\0ddddd", 8)},
-        {"large count, short text", 8, "abc", 100, 0, std::string("abc\0dddd", 8)},
-        {"no room for the terminator", 8, "abcdefgh", 8, 162, emptied},
-        {"exactly full", 8, "abcdefgh", 7, 0, std::string("abcdefg\0", 8)},
-        {"largest size and count", kBoundedMax, "abc", kBoundedMax, 0, std::string("abc\0dddd", 8)},
-        {"no size", 0, "abc", 3, 34, kUntouched},
-        {"size too large", kTooMuch, "abc", 3, 34, kUntouched},
-        {"no source", 8, nullptr, 3, 150, emptied},
-        {"nothing", 8, "abc", 0, 0, emptied},
-        {"count too large", 8, "abc", kTooMuch, 162, emptied},
+        {8, "abc", 3, 0, kept},
+        {8, "abcdef", 2, 0, std::string("ab\0ddddd", 8)},
+        {8, "abc", 100, 0, kept},
+        {8, "abcdefgh", 8, 162, emptied},
+        {8, "abcdefgh", 7, 0, std::string("abcdefg\0", 8)},
+        {kBoundedMax, "abc", kBoundedMax, 0, kept},
+        {0, "abc", 3, 34, kUntouched},
+        {kTooMuch, "abc", 3, 34, kUntouched},
+        {8, nullptr, 3, 150, emptied},
+        {8, "abc", 0, 0, emptied},
+        {8, "abc", kTooMuch, 162, emptied},
     };
     for (const auto& c : cases) {
         Destination d;
-        EXPECT_EQ(strncpy_s(d.dest, c.destMax, c.src, c.count), c.code) << c.name;
-        EXPECT_EQ(d.content(), c.content) << c.name;
-        EXPECT_TRUE(d.guardsHold()) << c.name;
+        EXPECT_EQ(strncpy_s(d.dest, c.destMax, c.src, c.count), c.code) << &c - cases;
+        EXPECT_EQ(d.content(), c.content) << &c - cases;
     }
     EXPECT_EQ(strncpy_s(nullptr, 8, "abc", 3), 22);
     char text[16] = "abcdef";
@@ -152,7 +145,6 @@ TEST(VsnprintfS, CodesAndEffects) {
         EXPECT_EQ(Format(d.dest, c.destMax, c.count, "%s", c.text), c.result) << c.text;
         EXPECT_EQ(d.content().substr(0, c.kept.size()), c.kept) << c.text;
         EXPECT_TRUE(c.kept.size() == 8 || d.dest[c.kept.size()] == '\0') << c.text;
-        EXPECT_TRUE(d.guardsHold());
     }
     Destination d;
     EXPECT_EQ(Format(d.dest, 8, 7, "%lc", wint_t{0x200000}), -1);  // no such character
@@ -194,7 +186,6 @@ TEST(SscanfS, TextFieldsStayInTheirRoom) {
         Destination d;
         EXPECT_EQ(sscanf_s(c.input, c.format, d.dest, c.room), c.fields) << c.input << c.format;
         EXPECT_EQ(d.content().substr(0, c.content.size()), c.content) << c.input << c.format;
-        EXPECT_TRUE(d.guardsHold());
     }
     Destination d;
     EXPECT_EQ(sscanf_s("abcd", "%4c", d.dest, size_t{4}), 1);

@@ -163,9 +163,9 @@ class Boot:
             return
         if phone.DONE_NAME not in self.after.fulldumps:
             yield "the full dump is closed by its marker"
-        size = dump.size + -dump.size % records.COPY_CHUNK
+        rest = -dump.size % records.COPY_CHUNK if dump.size >= records.COPY_CHUNK else 0
         file = on_device(self.folder, phone.FULLDUMPLOG) / added[0]
-        if content(file) != self.region_before(records.Region(records.USERDATA, dump.offset, size)):
+        if content(file) != self.region_before(records.Region(records.USERDATA, dump.offset, dump.size + rest)):
             yield "the full dump holds the bytes of userdata"
 
     def broken_history(self) -> Iterator[str]:

@@ -97,12 +97,4 @@ TEST(PowerOnLog, ReasonOfABlock) {
     }
 }
 
-TEST(PowerOnLog, ReadOnlyWithoutAReason) {
-    BootInfo info;
-    info.category = kCategoryFault;
-    info.reason = "OCP_TYPE_LDO_LSB";
-    CheckPmicPonLogs(info);
-    EXPECT_EQ(info.reason, "OCP_TYPE_LDO_LSB");
-}
-
 }  // namespace

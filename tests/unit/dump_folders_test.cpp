@@ -1,8 +1,8 @@
-// The dump folders: what is the oldest, how sizes add up, how trees are listed and removed.
-#include "rainbow/DumpFolders.h"
-
+// The dump folders: how sizes add up, how trees are listed and removed.
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -34,32 +34,6 @@ class TemporaryFolder : public testing::Test {
     fs::path folder;
     RainbowHandle handle;
 };
-
-TEST(EntryPath, HasOneSlashBetween) {
-    EXPECT_EQ(EntryPath("/a", "b"), "/a/b");
-    EXPECT_EQ(EntryPath("/a/", "b"), "/a/b");
-    EXPECT_EQ(EntryPath("", "b"), "b");
-}
-
-TEST(OldestName, SortsByteByByte) {
-    EXPECT_EQ(OldestName({}), "");
-    EXPECT_EQ(OldestName({"history.log"}), "history.log");
-    EXPECT_EQ(OldestName({"history.log", "20240101000000-00000001", "20231231235959-99999999"}),
-              "20231231235959-99999999");
-    EXPECT_EQ(OldestName({"20240101000000-00000001", "\xC3", "!"}), "!");
-}
-
-TEST(DumplogLimit, DependsOnTheBuild) {
-    EXPECT_EQ(DumplogLimit(true), 5 << 20);
-    EXPECT_EQ(DumplogLimit(false), 80 << 20);
-}
-
-TEST(AddSize, WrapsAt32Bits) {
-    EXPECT_EQ(AddSize(1, 2), 3);
-    EXPECT_EQ(AddSize(INT32_MAX, 1), INT32_MIN);
-    EXPECT_EQ(AddSize(5, int64_t{1} << 32), 5);
-    EXPECT_EQ(AddSize(0, int64_t{3} << 30), -1073741824);
-}
 
 TEST_F(TemporaryFolder, ListsFilesOfATree) {
     const std::string deep = File("a/b/deep", 1);
@@ -121,6 +95,19 @@ TEST_F(TemporaryFolder, RemovalSaysWhatItCannotDo) {
     }
     EXPECT_TRUE(fs::exists(file));
     EXPECT_TRUE(fs::exists(fifo));
+}
+
+TEST_F(TemporaryFolder, AFolderThatCannotBeOpenedStays) {
+    testing::internal::CaptureStderr();
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {0, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    handle.DirOrFileRemove(folder);
+    EXPECT_EQ(handle.GetFolderSize(folder), 0);
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[vorta] [DirOrFileRemove] opendir failed\n");
+    EXPECT_TRUE(fs::exists(folder));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -146,30 +147,63 @@ TEST_F(PartitionIo, ReadRetryIsAllOrNothingAtTheEnd) {
     EXPECT_EQ(handle.WriteRetry(-1, buffer, 0), 0);
 }
 
-// A pipe gives short transfers, and signals interrupt them.
-TEST_F(PartitionIo, TransfersOutlastSignalsAndShortReads) {
+TEST_F(PartitionIo, AFailedSmallCopyFails) {
+    const int readOnly = open(filePath.c_str(), O_RDONLY);
+    std::string log = Stderr([&] { EXPECT_EQ(handle.PartToEmmc(readOnly, 0, 100, 0), -1); });
+    EXPECT_NE(log.find("[vorta] [WriteRetry] dump write error: 9\n"), std::string::npos) << log;
+    close(readOnly);
+    // The process's own memory can be opened and positioned like a partition; at 0 is nothing.
+    handle.IsPartValid("/proc/self/mem", kModeUserdata);
+    log = Stderr([&] { EXPECT_EQ(handle.PartToEmmc(file, 0, 100, kModeUserdata), -1); });
+    EXPECT_NE(log.find("[vorta] [ReadRetry] dump read error: 5\n"), std::string::npos) << log;
+}
+
+TEST(Transfer, AShortReadAsksForTheRestOnly) {
+    RainbowHandle handle;
     int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);  // a read takes one packet
+    const std::string packet(300, 'x');
+    ASSERT_EQ(write(ends[1], packet.data(), 100), 100);
+    ASSERT_EQ(write(ends[1], packet.data(), 300), 300);
+    std::string received(600, 'g');
+    EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), 200), 200);
+    EXPECT_EQ(received, std::string(200, 'x') + std::string(400, 'g'));
+    close(ends[0]);
+    close(ends[1]);
+}
+
+// Until the thread's transfer, which waits for this one, has surely been interrupted.
+void Interrupt(pthread_t thread) {
+    for (int i = 0; i < 20; ++i) {
+        usleep(1000);
+        pthread_kill(thread, SIGUSR1);
+    }
+}
+
+// Each side closes its end when it is done, so that the other one never waits for ever.
+TEST(Transfer, OutlastsSignals) {
+    RainbowHandle handle;
     struct sigaction action = {};
     action.sa_handler = [](int) {};
     ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);  // no SA_RESTART
-    const pthread_t reader = pthread_self();
-    std::vector<uint8_t> sent(kChunk, 'x');
-    std::thread writer([&] {
-        for (int i = 0; i < 20; ++i) {
-            pthread_kill(reader, SIGUSR1);
-            usleep(1000);
-        }
-        EXPECT_EQ(handle.WriteRetry(ends[1], sent.data(), kChunk), 0);
+    ASSERT_EQ(sigaction(SIGPIPE, &action, nullptr), 0);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    std::string sent(4 * kChunk, 'x');  // far more than the socket takes at once
+    std::iota(sent.begin(), sent.end(), 'a');
+    std::string received(sent.size(), '-');
+    const int64_t size = static_cast<int64_t>(sent.size());
+    std::thread reader([&, writer = pthread_self()] {
+        Interrupt(writer);
+        EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), size), size);
+        close(ends[0]);
     });
-    std::vector<uint8_t> received(kChunk);
-    const std::string log =
-        Stderr([&] { EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), kChunk), kChunk); });
-    writer.join();
-    EXPECT_EQ(received, sent);
-    EXPECT_EQ(log, "");
-    close(ends[0]);
+    EXPECT_EQ(handle.WriteRetry(ends[1], sent.data(), size - 1), 0);
+    Interrupt(reader.native_handle());
+    EXPECT_EQ(write(ends[1], &sent.back(), 1), 1);
     close(ends[1]);
+    reader.join();
+    EXPECT_TRUE(received == sent);
 }
 
 TEST(FulldumpCrc32, Values) {

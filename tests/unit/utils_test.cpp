@@ -1,7 +1,10 @@
-// Kernel command line items and the log functions' handling of messages that do not fit.
+// Kernel command line items, texts of records, and messages of the log that do not fit.
 #include "common/VortaUtils.h"
 
 #include <gtest/gtest.h>
+#include <string.h>
+
+#include "rainbow/HeaderText.h"
 
 namespace {
 
@@ -28,6 +31,17 @@ TEST(KeyValueFromLine, FindsValues) {
         EXPECT_EQ(KeyValueFromLine(c.line, c.key), c.value) << c.line;
     }
     EXPECT_EQ(KeyValueFromCmdline(""), "");
+}
+
+TEST(HeaderText, EndsWithItsNulOrWithTheRecord) {
+    struct {
+        ReasonHeader header;
+        char behind[8];
+    } memory;
+    memset(&memory, 'x', sizeof(memory));
+    EXPECT_EQ(HeaderText(memory.header, memory.header.userType), std::string(68, 'x'));
+    memory.header.reserved3[3] = 0;
+    EXPECT_EQ(HeaderText(memory.header, memory.header.userType), std::string(67, 'x'));
 }
 
 TEST(VortaLog, EchoesToStandardError) {

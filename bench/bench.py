@@ -1,320 +1,229 @@
-"""What a boot costs, beside what a shell would cost: times the daemon and its rivals in turns, in the same
-sandbox, and prints a table. Asserts nothing about times; stops when a rival saved other bytes."""
+"""What a boot costs, beside what a shell would cost: times the daemon and its rivals in turns, in the same sandbox, and
+prints a table. Asserts nothing about times; stops when a rival saved other bytes."""
 from __future__ import annotations
 
 import argparse
-from dataclasses import dataclass, field
+from collections import defaultdict
+from dataclasses import dataclass
 import json
 import os
 from pathlib import Path
-import platform
-import re
 import shutil
 import statistics
-import subprocess
 import sys
 import tempfile
-import time
-from typing import Any
+from typing import Any, Dict, List, Sequence, Tuple
 
-from cases import GROWTH, Case, all_cases
-from device import MINIDUMP_SIZE, Contender, Device
+from vortadev import phone
+from vortadev.bubblewrap import BUILT_DAEMON
+from vortadev.records import COPY_CHUNK, LOG_REGIONS
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.append(str(ROOT / "scripts"))
-from program import CommandLine, need, place_for, run
-MEMORY_FOLDER = "/dev/shm"
-SERVICE = ("-r", "boot")
+from device import FULLDUMP, MIB, Contender, Device, full_dump
+from program import ROOT, CommandLine, need, place_for, run
+
+PLACES = {"disk": ROOT / "build/bench", "memory": Path("/dev/shm")}
 FEW = 3  # up to so many rounds all count; with more, one is run before them
-STATED = {"peak memory": (6 << 10, "KiB"), "stripped daemon": (100 << 10, "bytes"),
-          "flat memory": (256, "KiB")}
+GROWTH = (10, 1000, 10000, 100000)
+STRIPS = {"host": "strip", "arm64": "aarch64-linux-gnu-strip"}  # by preset
+LARGEST_DAEMON, LARGEST_PEAK, FLAT = 100 << 10, 6 << 10, 256  # bytes, KiB, KiB
 
 
-def spread(values: list[float]) -> dict[str, float]:
+@dataclass(frozen=True)
+class Case:
+    """A boot on a device, and who is timed on it. The goal, if there are rivals: that the median of the daemon's time in
+    a rival's of the same round is at most `most`."""
+
+    name: str
+    title: str
+    scenario: Dict[str, Any]
+    rounds: Tuple[int, int]  # and those of a quick run
+    rivals: Sequence[Contender] = ()
+    goal: str = ""
+    most: float = 0
+    place: str = "disk"
+    loop: bool = False
+    files: int = 0  # below dumplog before the boot
+
+
+def rival(name: str, *packer: str) -> Contender:
+    return Contender(name, ROOT / "bench/rival.sh", packer)
+
+
+def dd(size: int) -> Contender:
+    source, target = f"{phone.BLOCK_FOLDER}/userdata", f"{phone.FULLDUMPLOG}/{phone.FULLDUMP_NAME}"
+    places = [f"if={source}", f"of={target}", f"bs={COPY_CHUNK}", f"skip={FULLDUMP}", f"count={size}"]
+    return Contender("dd", Path("/usr/bin/dd"), [*places, "iflag=skip_bytes,count_bytes", "oflag=sync"], lines=0)
+
+
+SHELL = (rival("shell"),)
+GZIP, ZLIB = ("gzip", "-6", "-n", "-c"), ("pigz", "-6", "-n", "-c", "-p", "1")  # pigz has the daemon's zlib
+PIPELINES = (rival("pipeline, gzip", *GZIP), rival("pipeline, zlib", *ZLIB))
+NORMAL, PANIC = {"base": "normal-restart"}, {"base": "kernel-panic"}
+EMPTY: Dict[str, Any] = {**PANIC, "logs": dict.fromkeys(LOG_REGIONS, "zeros"), "minidump": None}
+
+
+def groups() -> List[List[Case]]:
+    """Cases of one group are run in turns. The longest come last."""
+    found = []
+    for place in PLACES:
+        least = ("at most 1.2 of its unavoidable work", 1.2, place)
+        found.append([Case(f"normal-{place}", f"normal boot, {place}", NORMAL, (20, 4), SHELL, *least)])
+    for place in PLACES:
+        goal = ("at most 0.95 of the pipeline", 0.95, place)
+        found.append([Case(f"abnormal-{place}", f"abnormal boot, {place}", PANIC, (10, 2), PIPELINES, *goal)])
+    title = "abnormal boot, no dump, empty logs, {:,} files below dumplog"
+    found.append([Case(f"growth-{files}", title.format(files), EMPTY, (10, 2), files=files) for files in GROWTH])
+    for mib, behind in ((256, "files"), (256, "loop"), (256, "memory"), (2048, "files"), (2048, "loop")):
+        title, rivals = f"full dump of {mib} MiB, {behind}", [dd(mib * MIB)]
+        how = ("at least 0.98 of dd's throughput", 1 / 0.98, "memory" if behind == "memory" else "disk")
+        rounds = (20 if mib == 256 else 10, 1)
+        found.append(
+            [Case(f"full-{mib}-{behind}", title, full_dump(mib * MIB), rounds, rivals, *how, behind == "loop")]
+        )
+    return found
+
+
+def turned(items: List[Any], number: int) -> List[Any]:
+    """Another one begins each round, so that none always follows the same."""
+    return items[number % len(items) :] + items[: number % len(items)]
+
+
+def measure(group: Sequence[Case], chosen: argparse.Namespace, timer: Path, memory: Path) -> Dict[str, Any]:
+    contenders = [Contender("daemon", BUILT_DAEMON, phone.RAINBOW)]
+    if chosen.against:
+        contenders.append(Contender("other daemon", chosen.against.resolve(), phone.RAINBOW))
+    trials = []
+    for case in group:
+        folder = memory if case.place == "memory" else PLACES["disk"]
+        trials.append((case, Device(folder / case.name, timer, case.scenario, case.files, case.loop)))
+    runs: Dict[str, Any] = {case.name: defaultdict(list) for case in group}
+    rounds = group[0].rounds[chosen.quick]
+    warming = int(rounds > FEW)  # the programs themselves come from the disk then
+    for number in range(rounds + warming):
+        for case, device in turned(trials, number):
+            for contender in turned([*contenders, *case.rivals], number):
+                cost = device.boot(contender, number == 0)
+                runs[case.name][contender.name] += [cost] if number >= warming else []
+    for _, device in trials:
+        shutil.rmtree(device.folder)
+    return {case.name: {"title": case.title, "contenders": summary(runs[case.name])} for case in group}
+
+
+def summary(runs: Dict[str, List[Dict[str, float]]]) -> Dict[str, Any]:
+    """Of each contender its runs, and median and quartiles of them and of the ratios of each round."""
+    found = {}
+    for name, costs in sorted(runs.items()):
+        ratios = [mine["wall"] / cost["wall"] for mine, cost in zip(runs["daemon"], costs)]
+        figures = {key: spread([cost[key] for cost in costs]) for key in ("wall", "processor")}
+        peak = max(cost["peakKiB"] for cost in costs)
+        found[name] = {**figures, "ratio": spread(ratios), "peakKiB": peak, "runs": costs}
+    return found
+
+
+def spread(values: List[float]) -> Tuple[float, float, float]:
     """Median and quartiles."""
     low, middle, high = statistics.quantiles(values, n=4, method="inclusive") if len(values) > 1 else values * 3
-    return {"median": middle, "low": low, "high": high}
-
-
-def file_system(folder: Path | str) -> str:
-    return subprocess.run(["stat", "-f", "-c", "%T", folder], capture_output=True, text=True,
-                          check=True).stdout.strip()
-
-
-@dataclass
-class Trial:
-    """A case under way: who is timed on its device, what each run has cost, and what the first one saved."""
-    case: Case
-    device: Device
-    contenders: list[Contender]
-    runs: dict[str, list[dict]] = field(default_factory=dict)
-    known: dict[str, tuple[int, str]] | None = None
-
-    def round(self, number: int, counts: bool) -> None:
-        for contender in turned(self.contenders, number):
-            cost = self.device.boot(contender)
-            if counts:
-                self.runs.setdefault(contender.name, []).append(cost)
-            self.check(contender, number == 0)
-
-    def check(self, contender: Contender, digests: bool) -> None:
-        """A rival that saves less than the daemon, or nothing because the daemon saved nothing, would make
-        the figures worthless. Digests take as long as a run and fill the cache: once for each is enough."""
-        where = f"bench: {self.case.name}: {contender.name}"
-        saved, lines = self.device.saved(digests), self.device.history_lines()
-        if len(saved) != self.case.saves:
-            raise SystemExit(f"{where} saved {len(saved)} files of evidence; expected {self.case.saves}")
-        if lines != contender.lines:
-            raise SystemExit(f"{where} added {lines} lines to the history; expected {contender.lines}")
-        self.known = saved if self.known is None else self.known
-        compared = 2 if digests else 1
-        for name in self.known.keys() | saved.keys():
-            if self.known.get(name, ())[:compared] != saved.get(name, ())[:compared]:
-                raise SystemExit(f"{where} left another {name} than the daemon did in the first round")
-        if digests and self.case.name.startswith("abnormal-phone"):
-            check_packing(self.device)
-
-
-def check_packing(device: Device) -> None:
-    """A dump that packs unlike a phone's would make the figures worthless as well."""
-    packed = next(device.folder.rglob("rawdump.bin")).stat().st_size / MINIDUMP_SIZE
-    if not 0.2 <= packed <= 0.5:
-        raise SystemExit(f"bench: the minidump packs to {packed:.2f} of its size; expected a fifth to a half")
-
-
-def turned(items: list[Any], number: int) -> list[Any]:
-    """Another one begins each round, so that none always follows the same."""
-    return items[number % len(items):] + items[:number % len(items)]
-
-
-def run_group(trials: list[Trial], rounds: int) -> None:
-    warming = 1 if rounds > FEW else 0  # the programs themselves come from the disk then
-    for number in range(rounds + warming):
-        for trial in turned(trials, number):
-            trial.round(number, number >= warming)
-
-
-def summary(trial: Trial) -> dict:
-    case, runs = trial.case, trial.runs
-    mine = runs[trial.contenders[0].name]
-    result: dict = {"title": case.title, "place": case.place, "rounds": len(mine), "contenders": {}}
-    for contender in trial.contenders:
-        costs = runs[contender.name]
-        figures = result["contenders"][contender.name] = {
-            "wall": spread([cost["wall"] for cost in costs]), "runs": costs,
-            "processor": spread([cost["user"] + cost["system"] for cost in costs]),
-            "peakKiB": max(cost["peakKiB"] for cost in costs)}
-        if costs is not mine:
-            figures["daemonRatio"] = spread([a["wall"] / b["wall"] for a, b in zip(mine, costs)])
-    result["goals"] = []
-    for goal in case.goals:
-        ratio = result["contenders"][goal.rival]["daemonRatio"]["median"]
-        found, met = goal.judge(ratio)
-        result["goals"].append({"words": goal.words, "found": found, "met": met})
-    return result
-
-
-def count(device: Device, contenders: list[Contender]) -> dict:
-    """System calls by strace, and what storage took for each byte of evidence, in runs of their own."""
-    counts = {}
-    for contender in contenders:
-        calls = {}
-        for scope, follow in (("own", ""), ("all", "-f ")):
-            device.boot(contender, f"{shutil.which('strace')} {follow}-c -o /out/calls")
-            total = re.search(r"\s(\d+)(?:\s+\d+)? total$", (device.folder / "out/calls").read_text().strip())
-            calls[scope] = int(total.group(1)) if total else -1
-        cost = device.boot(contender)
-        evidence = device.evidence()
-        counts[contender.name] = {"calls": calls, "stored": cost["stored"], "handed": cost["handed"],
-                                  "evidence": evidence, "amplification": cost["stored"] / max(evidence, 1)}
-    return counts
-
-
-def sizes(build: Path) -> dict[str, int | None]:
-    """Bytes of the stripped daemon on each machine; None where it is not built."""
-    found: dict[str, int | None] = {}
-    for machine, program, strip in (("x86-64", build / "vorta", "strip"),
-                                    ("arm64", build.parent / "arm64/vorta", "aarch64-linux-gnu-strip")):
-        found[machine] = None
-        if program.exists() and shutil.which(strip):
-            with tempfile.TemporaryDirectory() as folder:
-                stripped = Path(folder) / "vorta"
-                if subprocess.run([strip, "-s", "-o", stripped, program], capture_output=True,
-                                  check=False).returncode != 0:
-                    raise SystemExit(f"bench: {program} cannot be stripped; expected an ELF program for {machine}")
-                found[machine] = stripped.stat().st_size
-    return found
+    return middle, low, high
 
 
 def duration(*values: float) -> str:
     """The first, and the others in brackets, all in the unit that suits the first."""
     scale, unit = (1e3, "ms") if values[0] < 1 else (1, "s")
     first, *others = (f"{value * scale:#.3g}".rstrip(".") for value in values)
-    return f"{first} {unit}" if not others else f"{first} [{', '.join(others)}] {unit}"
+    return f"{first} [{', '.join(others)}] {unit}" if others else f"{first} {unit}"
 
 
-def print_times(results: dict[str, dict]) -> None:
-    print("\n| boot | on | who | rounds | time: median [quartiles] | processor | peak KiB | daemon / rival |\n"
-          "|---|---|---|---|---|---|---|---|")
+def print_times(results: Dict[str, Any]) -> None:
+    print("| boot | who | rounds | time: median [quartiles] | processor | peak KiB | daemon / rival |")
+    print("|---|---|---|---|---|---|---|")
     for result in results.values():
-        where = f"{result['title']} | {result['place']}"
-        for name, figures in result["contenders"].items():
-            ratio = figures.get("daemonRatio")
-            quotient = f"{ratio['median']:.3f} [{ratio['low']:.3f}, {ratio['high']:.3f}]" if ratio else ""
-            print(f"| {where} | {name} | {result['rounds']} | {duration(*figures['wall'].values())} "
-                  f"| {duration(figures['processor']['median'])} | {figures['peakKiB']} | {quotient} |")
+        for name, found in result["contenders"].items():
+            ratio = "{:.3f} [{:.3f}, {:.3f}]".format(*found["ratio"]) if name != "daemon" else ""
+            cells = [result["title"], name, str(len(found["runs"])), duration(*found["wall"])]
+            cells += [duration(found["processor"][0]), str(found["peakKiB"]), ratio]
+            print(f"| {' | '.join(cells)} |")
 
 
-def print_counts(results: dict[str, dict]) -> None:
-    print("\n| boot | who | system calls, own | with children | bytes to storage | bytes of evidence | of them |\n"
-          "|---|---|---|---|---|---|---|")
-    for result in results.values():
-        for name, figures in result.get("counts", {}).items():
-            print(f"| {result['title']} | {name} | {figures['calls']['own']} | {figures['calls']['all']} | "
-                  f"{figures['stored']} | {figures['evidence']} | {figures['amplification']:.2f} |")
+def goals(cases: Sequence[Case], results: Dict[str, Any]) -> List[Tuple[str, str, bool]]:
+    """In words, what was found, and whether it is good enough."""
+    found = []
+    mine = {name: result["contenders"]["daemon"] for name, result in results.items()}
+    for case in (case for case in cases if case.name in results):
+        for other in case.rivals:
+            ratio = results[case.name]["contenders"][other.name]["ratio"][0]
+            words = f"{case.title}: {case.goal} (ratio of the times to {other.name}: {case.most:.2f})"
+            found.append((words, f"{ratio:.3f}", ratio <= case.most))
+    peaks = [figures["peakKiB"] for figures in mine.values()]
+    full = {name: figures["peakKiB"] for name, figures in mine.items() if name.startswith("full-")}
+    told = f"{min(peaks)} to {max(peaks)}"
+    found.append((f"peak memory below {LARGEST_PEAK} KiB, whatever there is to save", told, max(peaks) < LARGEST_PEAK))
+    if any("2048" in name for name in full) and any("256" in name for name in full):
+        low, high = min(full.values()), max(full.values())
+        words = f"peak memory flat: full dumps of 256 MiB and 2 GiB within {FLAT} KiB of each other"
+        found.append((words, f"{low} to {high}", high - low <= FLAT))
+    # In processor time: the rest of the boot, which waits for storage, varies by more than a thousand files cost.
+    costs = [mine[f"growth-{files}"]["processor"][0] for files in GROWTH if f"growth-{files}" in mine]
+    if len(costs) == len(GROWTH):
+        steps = [(b - a) / (more - few) for a, b, few, more in zip(costs, costs[1:], GROWTH, GROWTH[1:])]
+        told = ", ".join(f"{step * 1e6:.2f} us a file up to {files:,}" for step, files in zip(steps, GROWTH[1:]))
+        found.append(("growth linear in the number of files", told, steps[-1] < 1.5 * steps[-2]))
+    return found
 
 
-def per_file(results: dict[str, dict]) -> dict[str, float]:
-    """What one more file costs between each number of files and the next, in processor seconds: the rest of
-    the boot, which waits for storage, varies by more than a thousand files cost."""
-    costs = [results[f"growth-{files}"]["contenders"]["daemon"]["processor"]["median"] for files in GROWTH]
-    return {f"from {few:,} to {many:,}": (more - less) / (many - few)
-            for few, many, less, more in zip(GROWTH, GROWTH[1:], costs, costs[1:])}
-
-
-def print_goals(report: dict) -> None:
-    results = report["cases"]
-    print("\n| goal | found | |\n|---|---|---|")
-
-    def line(words: str, found: str, met: bool) -> None:
-        print(f"| {words} | {found} | {'met' if met else 'not met'} |")
-
-    for result in results.values():
-        for goal in result["goals"]:
-            words = f"{result['title']}, {result['place']}: {goal['words']}"
-            line(words, f"{goal['found']:.3f}", goal["met"])
-    peaks = {name: result["contenders"]["daemon"]["peakKiB"] for name, result in results.items()}
-    if peaks:
-        limit, unit = STATED["peak memory"]
-        line(f"peak memory below {limit} {unit}, whatever there is to save",
-             f"{min(peaks.values())} to {max(peaks.values())}", max(peaks.values()) < limit)
-    full = [peak for name, peak in peaks.items() if name.startswith("full-")]
-    if all(any(name.startswith(size) for name in peaks) for size in ("full-256-", "full-2048-")):
-        limit, unit = STATED["flat memory"]
-        line(f"peak memory flat: full dumps of 256 MiB and 2 GiB within {limit} {unit} of each other",
-             f"{min(full)} to {max(full)}", max(full) - min(full) <= limit)
-    for machine, size in report["sizes"].items():
-        limit, unit = STATED["stripped daemon"]
-        words = f"stripped daemon, {machine}, below {limit} {unit}"
-        if size is None:
-            print(f"| {words} | not built | scripts/test-{machine} builds it |")
-        else:
-            line(words, str(size), size < limit)
-    if all(f"growth-{files}" in results for files in GROWTH):
-        report["secondsPerFile"] = per_file(results)
-        *_, before, last = report["secondsPerFile"].values()
-        line("growth linear in the number of files", ", ".join(
-            f"{cost * 1e6:.2f} us a file {step}" for step, cost in report["secondsPerFile"].items()),
-             last < 1.5 * before)
+def sizes() -> List[Tuple[str, str, bool]]:
+    """Of the stripped daemon, for each machine that it is built for."""
+    found = []
+    for preset, strip in STRIPS.items():
+        program, stripped = ROOT / "build" / preset / "vorta", PLACES["disk"] / "stripped"
+        if program.exists() and shutil.which(strip):
+            run(strip, "-s", "-o", stripped, program)
+            size = stripped.stat().st_size
+            found.append((f"stripped daemon, {preset}, below {LARGEST_DAEMON} bytes", str(size), size < LARGEST_DAEMON))
+    return found
 
 
 def options() -> argparse.Namespace:
     parser = CommandLine("scripts/bench", __doc__)
-    parser.add_argument("--quick", action="store_true", help="few rounds, no dump of 2 GiB")
-    parser.add_argument("--json", metavar="FILE", type=Path, default=ROOT / "build/bench.json",
-                        help="where the figures go, each run included (default build/bench.json)")
-    parser.add_argument("--only", metavar="CASES", default="",
-                        help="only cases whose names begin so, several with commas: " +
-                        ", ".join(case.name for case in all_cases()))
-    parser.add_argument("--build", metavar="FOLDER", type=Path,
-                        help="the build to measure (default build/host, which is then built)")
-    parser.add_argument("--against", metavar="PROGRAM", type=Path,
-                        help="another build of the daemon, as one more rival")
-    return parser.parse_args()
+    names = ", ".join(case.name for group in groups() for case in group)
+    add, result = parser.add_argument, ROOT / "build/bench.json"
+    add("--quick", action="store_true", help="few rounds, no dump of 2 GiB")
+    add("--json", metavar="FILE", type=Path, default=result, help="the figures, each run included (build/bench.json)")
+    add("--only", metavar="CASES", default="", help=f"cases whose names begin so, several with commas: {names}")
+    add("--against", metavar="PROGRAM", type=Path, help="another build of the daemon, as one more rival")
+    chosen = parser.parse_args()
+    if chosen.against and not os.access(chosen.against, os.R_OK | os.X_OK):
+        parser.error(f"--against: {chosen.against} cannot be run; expected a program")
+    return chosen
 
 
-def build_daemons() -> None:
-    run("cmake", "--preset", "host")
-    run("cmake", "--build", "--preset", "host", "--target", "vorta", "vortadev")
-    if (ROOT / "build/arm64/build.ninja").exists():  # only its size is of interest
-        run("cmake", "--build", "--preset", "arm64", "--target", "vorta")
-
-
-def check_paths(chosen: argparse.Namespace) -> None:
-    """Before hours go by: what is to be measured is there."""
-    for option, program in (("--build", chosen.build / "vorta"), ("--build", chosen.build / "vortadev"),
-                            ("--against", chosen.against)):
-        if program and not (program.is_file() and os.access(program, os.R_OK | os.X_OK)):
-            raise SystemExit(f"bench: {option}: {program} cannot be run; expected a program")
-
-
-def chosen_groups(chosen: argparse.Namespace) -> list[list[Case]]:
-    """The cases to be run, those of one group together."""
-    able = [case for case in all_cases() if not (chosen.quick and case.long)]
-    beginnings = chosen.only.split(",")
-    for beginning in beginnings:
-        if not any(case.name.startswith(beginning) for case in able):
-            raise SystemExit(f"bench: --only: no case{' of a quick run' if chosen.quick else ''} begins with "
-                             f"'{beginning}'; expected some of " + ", ".join(case.name for case in able))
-    groups: dict[str, list[Case]] = {}
-    for case in able:
-        if case.name.startswith(tuple(beginnings)):
-            if case.skipped:
-                print(f"{case.name}: skipped, {case.skipped}", file=sys.stderr)
-            else:
-                groups.setdefault(case.group or case.name, []).append(case)
-    return list(groups.values())
-
-
-def measure(chosen: argparse.Namespace, groups: list[list[Case]], places: dict[str, Path], build: Path,
-            results: dict[str, dict]) -> None:
-    """Runs one group after the other; the results are there as soon as their group is done."""
-    started = time.monotonic()
-    contenders = [Contender("daemon", build / "vorta", SERVICE)]
-    if chosen.against:
-        contenders.append(Contender("other daemon", chosen.against.resolve(), SERVICE))
-    for group in groups:
-        print(f"{time.monotonic() - started:5.0f} s  {', '.join(case.name for case in group)}",
-              file=sys.stderr, flush=True)
-        trials = [Trial(case, case.make(places[case.place] / case.name, build), [*contenders, *case.rivals])
-                  for case in group]
-        run_group(trials, group[0].quick_rounds if chosen.quick else group[0].rounds)
-        for trial in trials:
-            results[trial.case.name] = summary(trial)
-            if trial.case.counted:
-                results[trial.case.name]["counts"] = count(trial.device, trial.contenders)
-            shutil.rmtree(trial.device.folder)
+def able(case: Case, chosen: argparse.Namespace) -> bool:
+    """Loop devices need root."""
+    short = not chosen.quick or "2048" not in case.name
+    return short and case.name.startswith(tuple(chosen.only.split(","))) and (os.geteuid() == 0 or not case.loop)
 
 
 def main() -> None:
     chosen = options()
     need("demo", "test", "bench")
     place_for(chosen.json)
-    if not chosen.build:
-        build_daemons()
-        chosen.build = ROOT / "build/host"
-    check_paths(chosen)
-    groups = chosen_groups(chosen)
-    build = chosen.build.resolve()
-    (build / "bench").mkdir(exist_ok=True)
-    subprocess.run(["cc", "-O2", "-static", "-o", build / "bench/timer", ROOT / "bench/timer.c"], check=True)
-    machine = {"disk": file_system(build / "bench"), "memory": file_system(MEMORY_FOLDER)}
-    if machine["disk"] == "tmpfs":
-        raise SystemExit(f"bench: {build} is on a tmpfs; expected a file system on a disk")
-    report: dict = {"machine": machine | {"processors": os.cpu_count(), "kernel": platform.release().split("-")[0],
-                                          "load": round(os.getloadavg()[0], 1)}, "cases": {}, "sizes": sizes(build)}
-    results: dict[str, dict] = {}
-    with tempfile.TemporaryDirectory(dir=MEMORY_FOLDER) as memory:
-        try:
-            measure(chosen, groups, {"disk": build / "bench", "memory": Path(memory)}, build, results)
-        except KeyboardInterrupt:
-            print("bench: interrupted; the figures are those of the cases that were done", file=sys.stderr)
-    report["cases"] = {case.name: results[case.name] for case in all_cases() if case.name in results}
-    print(", ".join(f"{name}: {value}" for name, value in report["machine"].items()))
-    print_times(report["cases"])
-    print_counts(report["cases"])
-    print_goals(report)
-    chosen.json.write_text(json.dumps(report, indent=1) + "\n")
+    cases = [case for group in groups() for case in group if able(case, chosen)]
+    if not cases:
+        raise SystemExit(f"bench: --only: no case that can be run begins with {chosen.only}; --help lists them")
+    run("cmake", "--preset", "host")
+    run("cmake", "--build", "--preset", "host", "--target", "vorta")
+    PLACES["disk"].mkdir(exist_ok=True)
+    timer, results = PLACES["disk"] / "timer", {}
+    run("cc", "-O2", "-static", "-o", timer, ROOT / "bench/timer.c")
+    with tempfile.TemporaryDirectory(dir=PLACES["memory"]) as memory:
+        for group in groups():
+            if some := [case for case in group if case in cases]:
+                print(", ".join(case.name for case in some), file=sys.stderr)
+                results.update(measure(some, chosen, timer, Path(memory)))
+    print_times(results)
+    print("\n| goal | found | |\n|---|---|---|")
+    for words, found, met in goals(cases, results) + sizes():
+        print(f"| {words} | {found} | {'met' if met else 'not met'} |")
+    chosen.json.write_text(json.dumps(results, indent=1) + "\n")
     print(f"\nEach run: {chosen.json}")
 
 

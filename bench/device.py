@@ -1,169 +1,177 @@
-"""Simulated devices for the benchmark: made once, put back between runs, booted by the daemon or by a
-rival in the same sandbox, and read back to see that both saved the same."""
+"""Simulated devices for the benchmark: made once, put back between runs, booted by the daemon or by a rival in the same
+sandbox, and read back to see that both saved the same."""
 from __future__ import annotations
 
 from dataclasses import dataclass
+import gzip
 import hashlib
 import json
 import os
 from pathlib import Path
 import shutil
 import subprocess
-from typing import Iterator
-import zlib
+from typing import Any, Dict, Iterator, List, Sequence, Tuple
+
+from vortadev import device, phone, records, sandbox, scenario
+from vortadev.device import on_device, partition_path
+from vortadev.records import DUMP_HEADER, LOG_REGIONS, MINIDUMP_REGION, REASON_NODE_REGION, Region
 
 MIB = 1 << 20
-MINIDUMP, MINIDUMP_SIZE = 4 * MIB, 28 * MIB
-FULLDUMP = 16 * MIB
-RECORD = 4096  # what is put back of each place where a boot writes a record
-PARTITIONS = "dev/block/by-name"
-DUMPLOG = "data/vendor/log/reliability/dumplog"
-FULLDUMPLOG = "data/vendor/log/reliability/fulldumplog"
-HISTORY, DONE = "history.log", "DONE"
+FULLDUMP = 16 * MIB  # its offset
+GENERATED = 256 * MIB  # of a full dump; a larger one repeats it
 EARLIER = "2024"  # names that are there before the run begin with this year, those of a run do not
-RIVAL_TOOLS = ("dd", "gzip", "pigz")
+TOOLS = ("dd", "gzip", "pigz")
+LINKS = ("rm", "mkdir", "fsync")  # to toybox
+RUN_TIME = "20300101000000-00000000"
+MINIDUMP_HEADER = Region(records.RAWDUMP, MINIDUMP_REGION.offset, DUMP_HEADER.size)
+FULLDUMP_HEADER = Region(records.USERDATA, FULLDUMP, DUMP_HEADER.size)
+RECORDS = (records.REASON_REGION, records.META_REGION, MINIDUMP_HEADER, FULLDUMP_HEADER)
+
+Saved = Dict[str, Tuple[int, str]]  # size and digest by name
 
 
-def scenario(level: int = 0, minidump: object = None, fulldump: int = 0, logs: bool = True) -> dict:
-    """A boot of an internal build: normal (level 0) or abnormal (2), with what fills the minidump region,
-    the size of a reserved full dump, and logs or nothing but zeros in their regions."""
-    properties = {"ro.logsystem.usertype": "3", "msc.sys.country": "cn", "ro.runmode": "normal"}
-    boot = {"properties": properties,
-            "reasonHeader": {"userType": "3", "boardIdMagic": "0xB0A1D1D", "boardId": 15, "bootLevel": level,
-                             "resetType": "WARM" if level else 0},
-            "meta": {"magic": "ZZZZ", "magicTail": "Z", "userType": "3"}}
-    if not logs:
-        boot["logs"] = {name: "zeros" for name in ("xbl_abl", "last_xbl_abl", "last_kmsg", "tz_log")}
-    if minidump:
-        boot["minidump"] = {"header": {"text0": "MINIDUMP", "flag": 1}, "content": minidump}
-    if fulldump:
-        boot["partitions"] = {"userdata": FULLDUMP + fulldump + MIB}
-        boot["meta"] |= {"reservedFlag": ";])W", "dumpOffset": FULLDUMP, "dumpSize": fulldump}
-        boot["fulldump"] = {"offset": FULLDUMP, "size": fulldump, "header": {"text0": "FULLDUMP", "flag": 1},
-                            "content": {"phone": True, "size": min(fulldump, 256 * MIB)}}
-    return boot
+def place(region: Region) -> str:
+    return f"{region.offset} {region.size}"
+
+
+ENVIRONMENT = {  # of the rival
+    "RAWDUMP": f"{phone.BLOCK_FOLDER}/{records.RAWDUMP}",
+    "CMDLINE": phone.CMDLINE,
+    "DUMPLOG": phone.DUMPLOG,
+    "HISTORY": phone.HISTORY,
+    "CHUNK": str(records.COPY_CHUNK),
+    "LOGS": "\n".join(f"{name} {place(region)}" for name, region in LOG_REGIONS.items()),
+    "NODE": place(REASON_NODE_REGION),
+    "MINIDUMP": place(MINIDUMP_REGION),
+    "MINIDUMP_HEADER": place(MINIDUMP_HEADER),
+    "TIME": RUN_TIME,
+    "LINE": phone.history_line("PS_HOLD", RUN_TIME, "NORMALBOOT").rstrip("\n"),
+}
 
 
 @dataclass(frozen=True)
 class Contender:
     """What is started as the daemon: a program of the host with its arguments."""
+
     name: str
-    program: str | Path
-    arguments: tuple[str, ...]
+    program: Path
+    arguments: Sequence[str] = ()
     lines: int = 1  # that it adds to the history
 
 
+def full_dump(size: int) -> Dict[str, Any]:
+    """A scenario with a full dump of that size."""
+    content = {"phone": True, "size": min(size, GENERATED)}
+    return {
+        "base": "full-dump",
+        "partitions": {"userdata": FULLDUMP + size + MIB},
+        "fulldump": {"offset": FULLDUMP, "size": size, "content": content},
+        "meta": {"dumpOffset": FULLDUMP, "dumpSize": size},
+        "data": None,
+    }
+
+
 class Device:
-    def __init__(self, folder: Path, build: Path, boot: dict, loop: bool = False, files: int = 0,
-                 strings: str = "") -> None:
-        self.folder, self.vortadev, self.loop = folder, build / "vortadev", loop
-        self.timer = build / "bench/timer"
+    def __init__(self, folder: Path, timer: Path, wanted: Dict[str, Any], files: int, loop: bool) -> None:
+        self.folder, self.loop, self.timer = folder, loop, timer
+        self.known: Saved = {}
         shutil.rmtree(folder, ignore_errors=True)
-        folder.parent.mkdir(parents=True, exist_ok=True)
-        source = folder.parent / f"{folder.name}.json"
-        source.write_text(json.dumps(boot))
-        subprocess.run([self.vortadev, "create", folder, source], check=True, stdout=subprocess.DEVNULL)
-        for tool in RIVAL_TOOLS:
-            shutil.copy(shutil.which(tool) or tool, folder / "system/bin")
-        for tool in ("rm", "mkdir", "fsync"):
-            (folder / "system/bin" / tool).symlink_to("toybox")
-        if strings:
-            (folder / "system/bin/strings").unlink()
-            shutil.copy(strings, folder / "system/bin/strings")
+        boot = scenario.parse(wanted, Path(f"{folder.name}.json"))
+        device.create(folder, boot)
+        tools = folder / "system/bin"
+        for tool in TOOLS:
+            shutil.copy(shutil.which(tool) or tool, tools)
+        for tool in LINKS:
+            (tools / tool).symlink_to("toybox")
         (folder / "out").mkdir()
-        size = boot.get("fulldump", {}).get("size", 0)
-        self._fill_userdata(size)
+        self.roots = [on_device(folder, path) for path in (phone.DUMPLOG, phone.FULLDUMPLOG)]
         for number in range(files):
-            name = folder / DUMPLOG / f"{EARLIER}{number // 100:010}-00000000" / f"log{number % 100}"
+            name = self.roots[0] / f"{EARLIER}{number // 100:010}-00000000" / f"log{number % 100}"
             name.parent.mkdir(exist_ok=True)
             name.write_bytes(b"x" * 100)
-        self.records = {("rawdump", 0): b"", ("rawdump", MINIDUMP): b"", ("bootfail_info", 0): b""}
-        if size:
-            self.records["userdata", FULLDUMP] = b""
-        for partition, offset in self.records:
-            with open(folder / PARTITIONS / partition, "rb") as part:
-                part.seek(offset)
-                self.records[partition, offset] = part.read(RECORD)
+        self.repeat_content(boot.fulldump.size if boot.fulldump else 0)
+        abnormal = records.REASON_HEADER.number(boot.reason_header, "bootLevel") >= records.ABNORMAL_LEVEL
+        self.saves = len(LOG_REGIONS) * abnormal + any(boot.minidump.header) + bool(boot.fulldump)
+        self.records = {region: self.read(region) for region in RECORDS}
 
-    def _fill_userdata(self, size: int) -> None:
-        """Repeats the first 256 MiB of a larger dump to its end."""
-        with open(self.folder / PARTITIONS / "userdata", "r+b") as part:
-            for offset in range(256 * MIB, size, 16 * MIB):
-                part.seek(FULLDUMP + offset % (256 * MIB))
-                chunk = part.read(16 * MIB)
-                part.seek(FULLDUMP + offset)
-                part.write(chunk)
+    def read(self, region: Region) -> bytes:
+        with open(partition_path(self.folder, region.partition), "rb") as part:
+            part.seek(region.offset)
+            return part.read(region.size)
+
+    def write(self, region: Region, data: bytes) -> None:
+        with open(partition_path(self.folder, region.partition), "r+b") as part:
+            part.seek(region.offset)
+            part.write(data)
+
+    def repeat_content(self, size: int) -> None:
+        for offset in range(GENERATED, size, 16 * MIB):
+            content = self.read(Region(records.USERDATA, FULLDUMP + offset % GENERATED, 16 * MIB))
+            self.write(Region(records.USERDATA, FULLDUMP + offset, 0), content)
+
+    def new(self) -> Iterator[Path]:
+        """What the run left in the log folders; walks past what was there before."""
+        return (entry for root in self.roots for entry in root.iterdir() if not entry.name.startswith(EARLIER))
 
     def reset(self) -> None:
-        """Puts back what a boot changed, flushes it, and lets go of the cached partitions: after a real
-        restart nothing of them is in memory."""
-        for (partition, offset), record in self.records.items():
-            with open(self.folder / PARTITIONS / partition, "r+b") as part:
-                part.seek(offset)
-                part.write(record)
-        for root in (DUMPLOG, FULLDUMPLOG):
-            for entry in (self.folder / root).iterdir():
-                if entry.is_dir() and not entry.name.startswith(EARLIER):
-                    shutil.rmtree(entry)
-                elif entry.is_file():
-                    entry.unlink()
+        """Puts back what a boot changed, flushes it, and lets go of the cached partitions: after a real restart nothing
+        of them is in memory."""
+        for region, record in self.records.items():
+            self.write(region, record)
+        for entry in list(self.new()):
+            shutil.rmtree(entry) if entry.is_dir() else entry.unlink()
         subprocess.run(["sync", "-f", self.folder], check=True)
-        for partition in (self.folder / PARTITIONS).iterdir():
-            with open(partition, "rb") as part:
+        for partition in records.PARTITIONS:
+            with open(partition_path(self.folder, partition), "rb") as part:
                 os.posix_fadvise(part.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
 
-    def boot(self, contender: Contender, wrap: str = "") -> dict:
+    def boot(self, contender: Contender, digests: bool) -> Dict[str, float]:
         """One run from the same state; what the timer noted."""
         self.reset()
-        command = [self.vortadev, "run", self.folder, "--daemon", contender.program,
-                   "--bind", f"{self.folder / 'out'}:/out", "--wrap", wrap or f"{self.timer} /out/cost"]
-        command += ["--loop"] if self.loop else []
-        result = subprocess.run([*command, "--", *contender.arguments], capture_output=True, check=False)
-        if result.returncode != 0:
-            raise SystemExit(f"bench: {contender.name} ended with {result.returncode}: "
-                             + result.stderr.decode(errors="replace").strip())
-        return {} if wrap else json.loads((self.folder / "out/cost").read_text())
+        options = sandbox.Options(daemon=contender.program, loop=self.loop, environment=dict(ENVIRONMENT))
+        options.binds, options.wrapper = [(str(self.folder / "out"), "/out")], [str(self.timer), "/out/cost"]
+        run = sandbox.run(self.folder, contender.arguments, options, capture=True)
+        if run.status != 0:
+            raise SystemExit(f"bench: {contender.name} ended with {run.status}: {run.err.decode(errors='replace')}")
+        self.check(contender, digests)
+        cost: Dict[str, float] = json.loads((self.folder / "out/cost").read_text())
+        return cost
 
-    def _left(self) -> Iterator[Path]:
-        """The files that the run left; walks past what was there before."""
-        for root in (DUMPLOG, FULLDUMPLOG):
-            for entry in (self.folder / root).iterdir():
-                if not entry.name.startswith(EARLIER):
-                    yield from (path for path in (entry, *entry.rglob("*")) if path.is_file())
+    def check(self, contender: Contender, digests: bool) -> None:
+        """A rival that saves less than the daemon, or nothing because the daemon saved nothing, would make the figures
+        worthless. Digests take as long as a run and fill the cache: once for each is enough."""
+        where = f"bench: {self.folder.name}: {contender.name}"
+        saved, lines = self.saved(digests), self.history_lines()
+        if len(saved) != self.saves or lines != contender.lines:
+            wanted = f"{self.saves} files of evidence and {contender.lines} lines of history"
+            raise SystemExit(f"{where} added {len(saved)} and {lines}; expected {wanted}")
+        self.known = self.known or saved
+        compared = 2 if digests else 1
+        for name in self.known.keys() | saved.keys():
+            if self.known.get(name, ())[:compared] != saved.get(name, ())[:compared]:
+                raise SystemExit(f"{where} left another {name} than the daemon did in the first round")
 
-    def saved(self, digests: bool) -> dict[str, tuple[int, str]]:
-        """Size and digest of each piece of evidence that the run left, the minidump unpacked. Without
-        digests no file is read through, and the size of the minidump is what its last bytes say."""
-        return {path.name.rpartition("-")[2]: self._digest(path) if digests else (self._size(path), "")
-                for path in self._left() if path.name not in (HISTORY, DONE)}
+    def saved(self, digests: bool) -> Saved:
+        """Size and digest of each piece of evidence that the run left, the minidump unpacked. Without digests no file is
+        read through, and the size of the minidump is what its last bytes say."""
+        files: List[Path] = [path for entry in self.new() for path in (entry, *entry.rglob("*")) if path.is_file()]
+        evidence = [path for path in files if path.name not in (phone.HISTORY_NAME, phone.DONE_NAME)]
+        return {path.name.rpartition("-")[2]: (size_of(path), digest_of(path) if digests else "") for path in evidence}
 
     def history_lines(self) -> int:
-        history = self.folder / DUMPLOG / HISTORY
+        history = on_device(self.folder, phone.HISTORY)
         return history.read_bytes().count(b"\n") if history.exists() else 0
 
-    @staticmethod
-    def _size(path: Path) -> int:
-        size = path.stat().st_size
-        if path.name != "rawdump.bin":
-            return size
-        with open(path, "rb") as packed:  # gzip's trailer (RFC 1952) ends with the size before, 32 bits
-            packed.seek(max(size - 4, 0))
-            return int.from_bytes(packed.read(), "little")
 
-    @staticmethod
-    def _digest(path: Path) -> tuple[int, str]:
-        digest, size = hashlib.sha1(usedforsecurity=False), 0
-        unpack = zlib.decompressobj(wbits=31).decompress if path.name == "rawdump.bin" else bytes
-        with open(path, "rb") as content:
-            while chunk := content.read(MIB):
-                try:
-                    plain = unpack(chunk)
-                except zlib.error:
-                    return size, "not gzip"
-                digest.update(plain)
-                size += len(plain)
-        return size, digest.hexdigest()
+def size_of(path: Path) -> int:
+    if path.name != phone.RAWDUMP_NAME:
+        return path.stat().st_size
+    return int.from_bytes(path.read_bytes()[-4:], "little")  # gzip's trailer (RFC 1952) ends with the size before
 
-    def evidence(self) -> int:
-        """Bytes of the files that the run left."""
-        return sum(path.stat().st_size for path in self._left())
+
+def digest_of(path: Path) -> str:
+    digest = hashlib.sha1(usedforsecurity=False)
+    with gzip.open(path) if path.name == phone.RAWDUMP_NAME else path.open("rb") as content:
+        while chunk := content.read(MIB):
+            digest.update(chunk)
+    return digest.hexdigest()

@@ -65,7 +65,8 @@ def command_line(folder: Path, options: Options, log: Path, loops: Optional[Dict
     arguments += [*partition_mounts(folder, loops), "--bind", str(log), "/dev/log", *data_mounts(folder, options)]
     # The leak checker of a sanitizer build looks at its own threads: links in the device's /proc lead to the real one.
     arguments += ["--proc", "/.proc", "--ro-bind", f"{folder}/proc", "/proc", "--chdir", "/"]
-    for host, inside in options.binds:
+    counters = os.environ.get("GCOV_PREFIX")  # of a daemon that counts which of its lines ran
+    for host, inside in [*options.binds, *([(counters, counters)] if counters else [])]:
         arguments += ["--bind", os.path.abspath(host), inside]
     for capability in options.drop_caps:
         arguments += ["--cap-drop", capability]

@@ -15,15 +15,12 @@ TIME_LIMIT = 120  # seconds, generous: under qemu and sanitizers as well
 
 
 def options() -> sandbox.Options:
-    """For every run: the daemon and the emulator that VORTA_DAEMON and VORTA_EMULATOR name, and a place for coverage
-    data below VORTA_GCOV. What malloc gives is never zeros, so that a buffer that is not cleared shows."""
-    named = {name: os.environ.get(f"VORTA_{name}", "") for name in ("DAEMON", "EMULATOR", "GCOV")}
+    """For every run: the daemon and the emulator that VORTA_DAEMON and VORTA_EMULATOR name. What malloc gives is never
+    zeros, so that a buffer that is not cleared shows."""
+    named = {name: os.environ.get(f"VORTA_{name}", "") for name in ("DAEMON", "EMULATOR")}
     made = sandbox.Options(timeout=TIME_LIMIT, environment={"MALLOC_PERTURB_": "165"})
     made.daemon = Path(named["DAEMON"]) if named["DAEMON"] else None
     made.emulator = Path(named["EMULATOR"]) if named["EMULATOR"] else None
-    if named["GCOV"]:
-        made.binds.append((named["GCOV"], "/gcov"))
-        made.environment["GCOV_PREFIX"] = "/gcov"
     return made
 
 

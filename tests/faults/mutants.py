@@ -1,9 +1,8 @@
 """Do the campaigns notice? Builds daemons that are wrong on purpose, one change each, and runs a part of
 the campaigns against each of them: every mutant must break an invariant, the unchanged daemon none.
-    python3 faults/mutants.py [--build FOLDER] [--jobs N]"""
+    python3 tests/faults/mutants.py [JOBS]"""
 from __future__ import annotations
 
-import argparse
 import json
 from pathlib import Path
 import re
@@ -11,10 +10,10 @@ import shutil
 import subprocess
 import sys
 import tempfile
+from typing import Dict, List, Tuple
 
-ROOT = Path(__file__).resolve().parent.parent
-sys.path.append(str(ROOT / "scripts"))
-from program import CommandLine, need
+ROOT = Path(__file__).resolve().parents[2]
+Changes = Tuple[Tuple[str, str], ...]
 PARTS = (("faults", "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
 
 
@@ -24,22 +23,26 @@ MUTANTS = (
     ("no flush before the header is cleared", ((r"fsync\(fd\) != 0 \? [^;]*;", "fd < 0;"),)),
     ("texts not flushed before their raw copy goes", ((r"fd\.ok\(\) && fsync\(fd\.get\(\)\) != 0", "false"),)),
     ("dump header cleared before the copy", ((r"(    unique_fd tmpFd)", r"    UpdatePartDumpHeader(mode);\n\1"),)),
-    ("dump header cleared before the packing",
-     ((r"(    const unique_fd rawFd)", r"    UpdatePartDumpHeader(mode);\n\1"),)),
-    ("reason node cleared at the end",
-     ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n"))),
+    (
+        "dump header cleared before the packing",
+        ((r"(    const unique_fd rawFd)", r"    UpdatePartDumpHeader(mode);\n\1"),),
+    ),
+    (
+        "reason node cleared at the end",
+        ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n")),
+    ),
     ("partitions not written through", ((r"O_RDWR \| O_SYNC", "O_RDWR"),)),
-    ("WriteRetry without its loop",
-     ((r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),)))
+    ("WriteRetry without its loop", ((r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),)),
+)
 
 
-def build(changes: tuple[tuple[str, str], ...], tree: Path) -> Path:
+def build(changes: Changes, tree: Path) -> Path:
     sources = [source for folder in ("handle", "rainbow") for source in (tree / folder).glob("*.cpp")]
-    originals: dict[Path, str] = {}
+    originals: Dict[Path, str] = {}
     for pattern, replacement in changes:
         places = [source for source in sources for _ in re.finditer(pattern, source.read_text())]
         if len(places) != 1:
-            raise SystemExit(f"faults/mutants.py: {pattern} matches {len(places)} places; expected one")
+            raise SystemExit(f"tests/faults/mutants.py: {pattern} matches {len(places)} places; expected one")
         originals.setdefault(places[0], places[0].read_text())
         places[0].write_text(re.sub(pattern, replacement, places[0].read_text()))
     subprocess.run(["cmake", "--build", tree / "build", "--target", "vorta"], check=True, capture_output=True)
@@ -48,16 +51,15 @@ def build(changes: tuple[tuple[str, str], ...], tree: Path) -> Path:
     return tree / "build/vorta"
 
 
-def try_mutant(part: str, only: str, daemon: Path, options: argparse.Namespace) -> list[str]:
+def try_mutant(part: str, only: str, daemon: Path, jobs: str) -> List[str]:
     """The invariants that broke."""
     result = daemon.with_name("result.json")
     result.unlink(missing_ok=True)
-    run = subprocess.run([ROOT / "scripts" / part, "--short", "--only", only, "--daemon", daemon, "--build",
-                          options.build, "--jobs", str(options.jobs), "--json", result],
-                         capture_output=True, text=True, check=False)
+    command = [ROOT / "scripts" / part, "--short", "--only", only, "--daemon", daemon, "--jobs", jobs, "--json", result]
+    run = subprocess.run(command, capture_output=True, text=True, check=False)
     if not result.exists():  # even a boot without faults broke
         if "breaks without any fault" not in run.stderr:
-            raise SystemExit(f"faults/mutants.py: scripts/{part} ended with {run.returncode}: {run.stderr}")
+            raise SystemExit(f"tests/faults/mutants.py: scripts/{part} ended with {run.returncode}: {run.stderr}")
         return [run.stderr.splitlines()[0]]
     broken = json.loads(result.read_text())["broken"]
     names = sorted({name for case in broken for name in case["invariants"]})
@@ -65,21 +67,16 @@ def try_mutant(part: str, only: str, daemon: Path, options: argparse.Namespace) 
     return [f"{len(broken)} cases: {', '.join(names)}", *first] if broken else []
 
 
-def main() -> int:
-    parser = CommandLine("faults/mutants.py", __doc__)
-    parser.add_argument("--build", type=Path, default=ROOT / "build/host")
-    parser.add_argument("--jobs", type=int, default=2)
-    options = parser.parse_args()
-    need("demo", "test")
+def main(jobs: str = "2") -> int:
     wrong = 0
     with tempfile.TemporaryDirectory(prefix="mutants-") as folder:
         tree = Path(folder) / "tree"
         shutil.copytree(ROOT, tree, ignore=shutil.ignore_patterns("build", ".git"))
-        subprocess.run(["cmake", "-S", tree, "-B", tree / "build", "-G", "Ninja",
-                        "-DCMAKE_BUILD_TYPE=RelWithDebInfo"], check=True, capture_output=True)
+        configure = ["cmake", "-S", tree, "-B", tree / "build", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo"]
+        subprocess.run(configure, check=True, capture_output=True)
         for name, changes in MUTANTS:
             daemon = build(changes, tree)
-            found = {part: try_mutant(part, only, daemon, options) for part, only in PARTS}
+            found = {part: try_mutant(part, only, daemon, jobs) for part, only in PARTS}
             noticed = any(found.values())
             right = noticed == bool(changes)
             wrong += not right
@@ -91,4 +88,4 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(*sys.argv[1:]))

@@ -18,7 +18,7 @@ FIRST_OF_MAIN = re.compile(r"^(newfstatat|fstat)\(1<")
 # What a phone does by other means: the log's socket, a property file, time zones, the factory library; and the counters
 # of a coverage build.
 HOST_ONLY = re.compile(
-    rf"^(sendto|socket|connect)\(|{phone.BUILD_PROP}|<(UNIX|socket):|/etc/localtime|{FACTORY_EVENTS}|[<\"]/gcov"
+    rf"^(sendto|socket|connect)\(|{phone.BUILD_PROP}|<(UNIX|socket):|/etc/localtime|{FACTORY_EVENTS}|\.gcda"
 )
 # Errors of a call, first match wins. None: the call cannot fail in a way that the daemon sees.
 ERRORS = {

@@ -8,7 +8,6 @@ from pathlib import Path
 import re
 import shutil
 import subprocess
-import tempfile
 from typing import Dict, List, Optional, Sequence, Tuple
 
 from vortadev import device as devices, phone, sandbox

@@ -1,4 +1,5 @@
 """The program: python3 -m vortadev, or this file itself."""
+
 import os
 import sys
 

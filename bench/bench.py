@@ -1,5 +1,6 @@
 """What a boot costs, beside what a shell would cost: times the daemon and its rivals in turns, in the same sandbox, and
 prints a table. Asserts nothing about times; stops when a rival saved other bytes."""
+
 from __future__ import annotations
 
 import argparse

@@ -1,5 +1,6 @@
 """Simulated devices for the benchmark: made once, put back between runs, booted by the daemon or by a rival in the same
 sandbox, and read back to see that both saved the same."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass

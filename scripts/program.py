@@ -1,4 +1,5 @@
 """What the Python programs of this project share: the command line, packages, and where results go."""
+
 from __future__ import annotations
 
 import argparse

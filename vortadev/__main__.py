@@ -1,8 +1,10 @@
 """The program: python3 -m vortadev, or this file itself."""
+
 import os
 import sys
 
 if sys.version_info < (3, 9):
+    # pylint: disable-next=consider-using-f-string  # which the old ones do not know
     sys.exit("vortadev: this is Python %d.%d; install Python 3.9 or newer" % sys.version_info[:2])
 if not __package__:  # started as a file: the package is the folder that it lies in
     sys.path[0] = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))

@@ -1,4 +1,5 @@
 """The command line of the sandbox: what bubblewrap is told so that the device folder is the daemon's root."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass, field

@@ -1,5 +1,6 @@
 """Holds a boot against what its scenario promises: every partition byte, the files of the new dump folder with their
 content, the history, the whole log."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass, replace

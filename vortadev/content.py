@@ -1,5 +1,6 @@
 """What stands in log regions, dumps and files: text as a phone leaves it, between binary bytes. The same seed gives the
 same bytes with every Python."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass

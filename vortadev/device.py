@@ -1,12 +1,13 @@
 """A simulated device: a folder in which every input and output of the daemon is a plain file.
 
-    dev/block/by-name/{rawdump,userdata,bootfail_info}   the partitions, sparse files
-    proc/{cmdline,pmic_pon_log}  proc/device-tree/rootparam/qcom,boardid
-    vendor/build.prop  vendor/bin/vorta (where the daemon appears)  vendor/lib64
-    data/vendor/log/reliability/{dumplog,fulldumplog}
-    system/bin: mksh as sh, toybox with cat and strings; bin -> system/bin
-    scenario.json, from which it was made; logcat.txt, the Android log of all runs
+dev/block/by-name/{rawdump,userdata,bootfail_info}   the partitions, sparse files
+proc/{cmdline,pmic_pon_log}  proc/device-tree/rootparam/qcom,boardid
+vendor/build.prop  vendor/bin/vorta (where the daemon appears)  vendor/lib64
+data/vendor/log/reliability/{dumplog,fulldumplog}
+system/bin: mksh as sh, toybox with cat and strings; bin -> system/bin
+scenario.json, from which it was made; logcat.txt, the Android log of all runs
 """
+
 from __future__ import annotations
 
 from dataclasses import dataclass, field

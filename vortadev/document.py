@@ -1,5 +1,6 @@
 """JSON files that build on each other, and the values in them: a complaint about a value names the file that a person
 has to edit, the key and what was expected."""
+
 from __future__ import annotations
 
 import json

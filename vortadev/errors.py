@@ -1,4 +1,5 @@
 """What every part of the tool says when something is wrong with what it was given."""
+
 from __future__ import annotations
 
 

@@ -1,4 +1,5 @@
 """The receiving end of the phone's log: a system log socket in the device folder, which the sandbox has as /dev/log."""
+
 from __future__ import annotations
 
 import os
@@ -20,6 +21,7 @@ class LogSocket:
         self.path = device / ".log"
         self.lines: List[bytes] = []
         self.path.unlink(missing_ok=True)  # of a run that was killed
+        # pylint: disable-next=consider-using-with  # open until `close`
         self._logcat = open(device / LOGCAT_FILE, "ab", buffering=0)
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM | socket.SOCK_NONBLOCK)
         # A socket's address holds 107 characters; the folder's own descriptor makes any path short.

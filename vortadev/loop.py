@@ -1,4 +1,5 @@
 """A loop device over a file, so that the end of a partition behaves as on a phone. Root only."""
+
 from __future__ import annotations
 
 import errno

@@ -1,4 +1,5 @@
 """The options of run, shell and check: how the daemon is run."""
+
 from __future__ import annotations
 
 import argparse

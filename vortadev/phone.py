@@ -1,5 +1,6 @@
 """What a phone's file system holds for the daemon, and what the daemon leaves there: paths, names, modes, limits and
 the format of the history. Paths are the phone's own."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass

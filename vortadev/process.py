@@ -1,5 +1,6 @@
 """A child process that is looked after to its end: what it writes, a time limit, and the signals that ask this program
 to stop."""
+
 from __future__ import annotations
 
 from contextlib import contextmanager

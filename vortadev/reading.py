@@ -1,6 +1,7 @@
 """Reads what a device, a partition image or a folder pulled from a phone holds into a report: the object that
 `show --json` prints. What is read may come from anybody: no link is followed in it, nothing but files and folders is
 opened, and what cannot be read or understood is told as a `problem`."""
+
 from __future__ import annotations
 
 import json

@@ -1,5 +1,6 @@
 """The records and regions of a phone's raw partitions: the one place, beside the daemon's headers, that knows where
 each field lies. Integers are little-endian; offsets and sizes are in bytes."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass

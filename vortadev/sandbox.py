@@ -1,5 +1,6 @@
 """Runs the unmodified daemon on a simulated device: a bubblewrap sandbox whose root is the device folder. Works as root
 and, where the host allows user namespaces, as an ordinary user, whose files stay their own. Needs Linux."""
+
 from __future__ import annotations
 
 from contextlib import ExitStack, suppress
@@ -138,14 +139,15 @@ def serve(arguments: List[str], options: Options, log: LogSocket, signals: int, 
     arguments[1:1] = ["--json-status-fd", str(writer)]
     pipe, null = (subprocess.PIPE, subprocess.DEVNULL) if capture else (None, None)
     umask = options.umask if options.umask is not None else INIT_UMASK if options.as_init else 0
-    with open(reader, "rb", buffering=0) as status, subprocess.Popen(
-        arguments, stdin=null, stdout=pipe, stderr=pipe, bufsize=0, umask=umask, pass_fds=[writer]
-    ) as child:
-        os.close(writer)
-        streams = [stream.fileno() if stream else -1 for stream in (status, child.stdout, child.stderr)]
-        texts = [bytearray() for _ in streams]
-        sources = {stream: read_into(text, stream) for stream, text in zip(streams, texts) if stream >= 0}
-        ending = attend(child, texts[0], {**sources, log.fileno(): log.receive}, signals, options.timeout)
+    with open(reader, "rb", buffering=0) as status:
+        with subprocess.Popen(
+            arguments, stdin=null, stdout=pipe, stderr=pipe, bufsize=0, umask=umask, pass_fds=[writer]
+        ) as child:
+            os.close(writer)
+            streams = [stream.fileno() if stream else -1 for stream in (status, child.stdout, child.stderr)]
+            texts = [bytearray() for _ in streams]
+            sources = {stream: read_into(text, stream) for stream, text in zip(streams, texts) if stream >= 0}
+            ending = attend(child, texts[0], {**sources, log.fileno(): log.receive}, signals, options.timeout)
     return result(ending, [bytes(text) for text in texts], options, log)
 
 

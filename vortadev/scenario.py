@@ -1,6 +1,7 @@
 """A scenario: everything that a simulated device holds before a boot, how the daemon is started on it, and what has to
 hold afterwards. scenarios/README.md lists the keys. All values are checked while reading, so that a Scenario is always
 one that can be made."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass

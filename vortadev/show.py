@@ -1,4 +1,5 @@
 """A report in words."""
+
 from __future__ import annotations
 
 from typing import Dict, List

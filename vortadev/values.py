@@ -1,5 +1,6 @@
 """What the values of a scenario stand for: fills, bytes, records. `seed` is the scenario's own, used where a fill has
 none."""
+
 from __future__ import annotations
 
 import re

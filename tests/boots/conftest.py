@@ -1,4 +1,5 @@
 """Fixtures of the system tests, and the option --update-logs, which writes the golden logs of the variations anew."""
+
 from __future__ import annotations
 
 import os

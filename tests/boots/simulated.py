@@ -1,4 +1,5 @@
 """A simulated phone in a scratch folder: what the system tests run the unmodified daemon on."""
+
 from __future__ import annotations
 
 from dataclasses import replace

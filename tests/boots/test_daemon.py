@@ -1,5 +1,6 @@
 """What a run leaves besides its promise: output and exit status, modes and owners, what a later boot finds, the end of
 a partition. Paths, texts and numbers that others rely on are spelt out here."""
+
 from __future__ import annotations
 
 from dataclasses import replace

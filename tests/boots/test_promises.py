@@ -3,6 +3,7 @@ scenarios, and variations of them that a phone meets.
 
     /usr/bin/python3 -m pytest tests/boots/test_promises.py --update-logs    writes the logs of the variations
 """
+
 from __future__ import annotations
 
 from pathlib import Path

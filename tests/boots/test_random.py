@@ -1,5 +1,6 @@
 """Every input is random bytes: the daemon ends by itself, without a signal or a sanitizer's report, and writes only its
 own fields. VORTA_RANDOM_BOOTS sets the number of devices."""
+
 from __future__ import annotations
 
 import os

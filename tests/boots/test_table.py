@@ -1,5 +1,6 @@
 """The tool's modules and the daemon's headers say the same of records, regions, words, names and limits: neither side
 has what the other lacks, but for what is listed here with a reason."""
+
 from __future__ import annotations
 
 from pathlib import Path

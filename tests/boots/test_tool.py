@@ -1,5 +1,6 @@
 """The host tool: scenario files that are wrong, folders and images that are damaged or hostile, promises that do not
 hold."""
+
 from __future__ import annotations
 
 from dataclasses import replace

@@ -1,5 +1,6 @@
 """The boots that the campaigns try: shipped scenarios with small changes, and the steps that the daemon takes in them.
 Everything else in the campaigns is derived from these tables."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass, replace

@@ -1,5 +1,6 @@
 """The system calls of a boot: listed by a traced run, thinned where a loop repeats one, and the table of the errors that
 each can give on a phone."""
+
 from __future__ import annotations
 
 from collections import Counter

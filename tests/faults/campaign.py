@@ -1,5 +1,6 @@
 """What both campaigns share: the command line, the prepared boots, running the cases side by side, progress, and the
 report for people and for programs."""
+
 from __future__ import annotations
 
 import argparse

@@ -1,5 +1,6 @@
 """The fault campaign: each system call of each boot fails, in each way that it can, once alone and from there on; then
 the device boots again without faults."""
+
 from __future__ import annotations
 
 from collections import Counter

@@ -1,5 +1,6 @@
 """What must hold after a boot, whatever failed in it and wherever it was cut: a table of checks on the bytes that a
 device holds, and the closed list of hazards that are kept."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass

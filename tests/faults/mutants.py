@@ -1,6 +1,7 @@
 """Do the campaigns notice? Builds daemons that are wrong on purpose, one change each, and runs a part of the campaigns
 against each of them: every mutant must break an invariant, the unchanged daemon none.
     python3 tests/faults/mutants.py [JOBS]"""
+
 from __future__ import annotations
 
 import json

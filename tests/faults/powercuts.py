@@ -1,5 +1,6 @@
 """The power cuts: each boot is killed before and after each of its system calls, storage may then lack what was not
 flushed, the device boots again, and that boot is cut as well."""
+
 from __future__ import annotations
 
 from collections import Counter

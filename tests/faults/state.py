@@ -1,5 +1,6 @@
 """Simulated devices for the campaigns: made once for each boot, copied for each run, run under strace, and read back as
 plain bytes. Paths are the phone's; those of folders end in a slash."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass, replace

@@ -2,6 +2,7 @@
 (O_SYNC), a record by one call, so that they are whole, before or after it. Of files, bytes written without O_SYNC and not
 yet flushed may be there, absent, or torn at 4 KiB; a new name may be missing until its own file or folder, or the folder
 that it stands in, was flushed; and a removed one may be back until that folder was."""
+
 from __future__ import annotations
 
 from dataclasses import dataclass, field

@@ -103,7 +103,7 @@ def measure(group: Sequence[Case], chosen: argparse.Namespace, timer: Path, memo
     for number in range(rounds + warming):
         for case, device in turned(trials, number):
             for contender in turned([*contenders, *case.rivals], number):
-                cost = device.boot(contender, number == 0)
+                cost = device.boot(contender)
                 runs[case.name][contender.name] += [cost] if number >= warming else []
     for _, device in trials:
         shutil.rmtree(device.folder)

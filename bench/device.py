@@ -11,7 +11,7 @@ import os
 from pathlib import Path
 import shutil
 import subprocess
-from typing import Any, Dict, Iterator, List, Sequence, Tuple
+from typing import Any, Dict, Iterator, Sequence
 
 from vortadev import device, phone, records, sandbox, scenario
 from vortadev.device import on_device, partition_path
@@ -27,8 +27,6 @@ RUN_TIME = "20300101000000-00000000"
 MINIDUMP_HEADER = Region(records.RAWDUMP, MINIDUMP_REGION.offset, DUMP_HEADER.size)
 FULLDUMP_HEADER = Region(records.USERDATA, FULLDUMP, DUMP_HEADER.size)
 RECORDS = (records.REASON_REGION, records.META_REGION, MINIDUMP_HEADER, FULLDUMP_HEADER)
-
-Saved = Dict[str, Tuple[int, str]]  # size and digest by name
 
 
 def place(region: Region) -> str:
@@ -75,7 +73,7 @@ def full_dump(size: int) -> Dict[str, Any]:
 class Device:
     def __init__(self, folder: Path, timer: Path, wanted: Dict[str, Any], files: int, loop: bool) -> None:
         self.folder, self.loop, self.timer = folder, loop, timer
-        self.known: Saved = {}
+        self.known: Dict[str, str] = {}
         shutil.rmtree(folder, ignore_errors=True)
         boot = scenario.parse(wanted, Path(f"{folder.name}.json"))
         device.create(folder, boot)
@@ -126,7 +124,7 @@ class Device:
             with open(partition_path(self.folder, partition), "rb") as part:
                 os.posix_fadvise(part.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
 
-    def boot(self, contender: Contender, digests: bool) -> Dict[str, float]:
+    def boot(self, contender: Contender) -> Dict[str, float]:
         """One run from the same state; what the timer noted."""
         self.reset()
         options = sandbox.Options(daemon=contender.program, loop=self.loop, environment=dict(ENVIRONMENT))
@@ -134,40 +132,31 @@ class Device:
         run = sandbox.run(self.folder, contender.arguments, options, capture=True)
         if run.status != 0:
             raise SystemExit(f"bench: {contender.name} ended with {run.status}: {run.err.decode(errors='replace')}")
-        self.check(contender, digests)
+        self.check(contender)
         cost: Dict[str, float] = json.loads((self.folder / "out/cost").read_text())
         return cost
 
-    def check(self, contender: Contender, digests: bool) -> None:
+    def check(self, contender: Contender) -> None:
         """A rival that saves less than the daemon, or nothing because the daemon saved nothing, would make the figures
-        worthless. Digests take as long as a run and fill the cache: once for each is enough."""
+        worthless."""
         where = f"bench: {self.folder.name}: {contender.name}"
-        saved, lines = self.saved(digests), self.history_lines()
+        saved, lines = self.saved(), self.history_lines()
         if len(saved) != self.saves or lines != contender.lines:
             wanted = f"{self.saves} files of evidence and {contender.lines} lines of history"
             raise SystemExit(f"{where} added {len(saved)} and {lines}; expected {wanted}")
         self.known = self.known or saved
-        compared = 2 if digests else 1
-        for name in self.known.keys() | saved.keys():
-            if self.known.get(name, ())[:compared] != saved.get(name, ())[:compared]:
-                raise SystemExit(f"{where} left another {name} than the daemon did in the first round")
+        if saved != self.known:
+            raise SystemExit(f"{where} left other evidence than the daemon did in the first round")
 
-    def saved(self, digests: bool) -> Saved:
-        """Size and digest of each piece of evidence that the run left, the minidump unpacked. Without digests no file is
-        read through, and the size of the minidump is what its last bytes say."""
-        files: List[Path] = [path for entry in self.new() for path in (entry, *entry.rglob("*")) if path.is_file()]
+    def saved(self) -> Dict[str, str]:
+        """The digest of each piece of evidence that the run left, the minidump unpacked."""
+        files = [path for entry in self.new() for path in (entry, *entry.rglob("*")) if path.is_file()]
         evidence = [path for path in files if path.name not in (phone.HISTORY_NAME, phone.DONE_NAME)]
-        return {path.name.rpartition("-")[2]: (size_of(path), digest_of(path) if digests else "") for path in evidence}
+        return {path.name.rpartition("-")[2]: digest_of(path) for path in evidence}
 
     def history_lines(self) -> int:
         history = on_device(self.folder, phone.HISTORY)
         return history.read_bytes().count(b"\n") if history.exists() else 0
-
-
-def size_of(path: Path) -> int:
-    if path.name != phone.RAWDUMP_NAME:
-        return path.stat().st_size
-    return int.from_bytes(path.read_bytes()[-4:], "little")  # gzip's trailer (RFC 1952) ends with the size before
 
 
 def digest_of(path: Path) -> str:

@@ -27,11 +27,15 @@ OLD_MARKER = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}"[len("/data/") :]
 def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str, Any]:
     """A patch of a scenario in which what a boot keeps current is outdated, so that it is written; with it, after a
     normal boot, the derived reason."""
-    header = {"userType": user_type, "boardId": 15}
+    header: Dict[str, Any] = {"userType": user_type, "boardId": 15}
     if reason:
         header.update(innerResetReason="NMAL", bootLevel=1, mreasonStrFlag="VALD", sreasonStrFlag="VALD")
         header.update(mreasonStr="NORMALBOOT", sreasonStr=reason)
-    value = {"reasonHeader": {"userType": "5", "boardId": 14}, "expect": {"reasonHeader": header}, **changes}
+    value: Dict[str, Any] = {
+        "reasonHeader": {"userType": "5", "boardId": 14},
+        "expect": {"reasonHeader": header},
+        **changes,
+    }
     if "meta" not in changes:
         value["meta"] = {"userType": "5"}
         value["expect"]["meta"] = {"userType": user_type}

@@ -27,6 +27,9 @@ from program import ROOT, CommandLine, need, place_for, progress
 from state import Device, State
 
 
+Steps = FrozenSet[str]
+
+
 @dataclass(frozen=True)
 class Outcome:
     """What came of one case. `tried` counts what it stands for, such as cuts one and two deep."""
@@ -87,9 +90,7 @@ class Campaign:
                 self.counts[name] = Counter(counts)
             chosen = [case for case in cases if re.search(self.options.only, case.name)]
             if not chosen:
-                self.fail(
-                    f"--only {self.options.only}: no case has such a name; expected a part of one like {cases[0].name}"
-                )
+                self.fail(f"--only: no case has such a name; expected a part of one like {cases[0].name}")
             return self.report(self.try_all(chosen))
 
     def prepare(self, name: str, scenario: Scenario) -> Boot:
@@ -102,9 +103,8 @@ class Campaign:
         run = device.boot(strace=("-e", "trace=all"))
         boot = Boot(name, scenario, template, first, device.read(), parse(run.trace))
         broken = judge(Case(boot, FAULT, first, boot.clean, run))
-        broken += [
-            ("promise", line) for line in check.Boot(scenario, device.folder, before, run, echoes=False).broken()
-        ]
+        promised = check.Boot(scenario, device.folder, before, run, echoes=False)
+        broken += [("promise", line) for line in promised.broken()]
         broken += self.judge_next(boot, device, boot.clean)
         broken += [("logged", f"{text} stands in the log") for text in LOGGED.values() if re.search(text, run.log)]
         opened = [call for call in run.trace if call.startswith("openat(") and "by-name/" in call]
@@ -114,9 +114,7 @@ class Campaign:
             self.fail(f"{boot.name} breaks without any fault: {wrong}\n{run.err.decode(errors='replace')}")
         return boot
 
-    def judge_next(
-        self, boot: Boot, device: Device, before: State, affected: FrozenSet[str] = frozenset()
-    ) -> List[Broken]:
+    def judge_next(self, boot: Boot, device: Device, before: State, affected: Steps = frozenset()) -> List[Broken]:
         """Boots the device without faults and judges that. Devices that differ in nothing but times boot alike: one of
         them is run."""
         key = (boot.name, digest(before), "node" in affected)
@@ -163,8 +161,9 @@ class Campaign:
             print(f"To repeat the first: {self.repeat(broken[0])}")
         print(f"{len(broken)} broken, {sum(known.values())} known, {len(stale)} stale, {seconds} s")
         told = [{"case": o.case, "call": o.call, "invariants": dict(o.broken)} for o in broken]
-        result = {"program": self.program, "short": self.options.short, "seconds": seconds, "boots": self.counts}
-        result.update(broken=told, known=known, stale=stale, invariants={row[0]: row[1] for row in INVARIANTS})
+        meanings = {name: check.__doc__ for name, (_, check) in INVARIANTS.items()}
+        result: Dict[str, Any] = {"program": self.program, "short": self.options.short, "seconds": seconds}
+        result.update(boots=self.counts, broken=told, known=known, stale=stale, invariants=meanings)
         self.options.json.write_text(json.dumps(result, indent=2) + "\n")
         return 1 if broken or stale else 0
 
@@ -183,8 +182,9 @@ def try_case(case: Any) -> Outcome:
 
 def table(counts: Dict[str, Counter[str]]) -> str:
     columns = list(dict.fromkeys([key for count in counts.values() for key in count] + ["known", "broken"]))
-    rows = [[name, *(count[key] for key in columns)] for name, count in counts.items()]
-    rows.append(["all", *(sum(count[key] for count in counts.values()) for key in columns)])
-    return "\n".join(
-        f"{row[0]:<10}" + "".join(f"{cell:>10}" for cell in row[1:]) for row in [["boot", *columns], *rows]
-    )
+    rows: Dict[str, Sequence[Any]] = {
+        "boot": columns,
+        **{name: [count[key] for key in columns] for name, count in counts.items()},
+    }
+    rows["all"] = [sum(count[key] for count in counts.values()) for key in columns]
+    return "\n".join(f"{name:<10}" + "".join(f"{cell:>10}" for cell in row) for name, row in rows.items())

@@ -23,7 +23,7 @@ from invariants import FAULT, Boot, Case, judge, load_hazards
 LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
 PACK_CALLS = records.MINIDUMP_REGION.size // 128  # the daemon packs 128 bytes a call
 # What the preloaded library refuses, and the steps that cannot be done then; the last three are no corvel's.
-MEMORY_FAULTS = {
+MEMORY_FAULTS: Dict[str, Set[str]] = {
     "malloc:none:1": {"header"},
     "malloc:none:2": {"header"},
     "asprintf:none:1": set(),

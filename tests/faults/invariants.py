@@ -133,14 +133,15 @@ def unpacked(packed: bytes) -> bytes:
 def evidence(boot: Boot, state: State) -> Dict[str, Tuple[bool, bool]]:
     """For each dump of this boot: whether it waits in its partition, and whether a file holds it."""
     held = {
-        "minidump": lambda: boot.minidump in map(unpacked, state.collected(phone.RAWDUMP_NAME)),
-        "fulldump": lambda: boot.fulldump in state.fulldumps(),
+        "minidump": boot.minidump in map(unpacked, state.collected(phone.RAWDUMP_NAME)),
+        "fulldump": boot.fulldump in state.fulldumps(),
     }
     waits = {name: bool(DUMP_HEADER.number(state.field(FIELDS[name]), "flag") & 1) for name in held}
-    return {name: (waits[name], is_held()) for name, is_held in held.items() if name in boot.fields}
+    return {name: (waits[name], held[name]) for name in held if name in boot.fields}
 
 
 def ended(case: Case) -> str:
+    """The daemon ends by itself with status 0, in time, without a sanitizer report."""
     report = SANITIZER.search(case.run.err) if case.run else None
     if not case.run or (case.run.status == 0 and not report):
         return ""
@@ -148,6 +149,7 @@ def ended(case: Case) -> str:
 
 
 def foreign_bytes(case: Case) -> str:
+    """No partition byte changes outside the fields of this boot."""
     for name, before in case.before.partitions.items():
         expected, found = Image(before.size, dict(before.blocks)), case.after.partitions[name]
         for region in (FIELDS[field] for field in case.boot.fields):
@@ -174,6 +176,7 @@ def derived(node: bytes, first: bytes) -> bool:
 
 
 def torn_record(case: Case) -> str:
+    """Each field of a record is whole, old or new."""
     for name in case.boot.fields:
         now, first, clean = (state.field(FIELDS[name]) for state in (case.after, case.boot.first, case.boot.clean))
         cleared = name in ("node", "minidump", "fulldump") and name in case.boot.steps and not any(now)
@@ -183,6 +186,7 @@ def torn_record(case: Case) -> str:
 
 
 def lost_dump(case: Case) -> str:
+    """Each dump waits in its partition or a file holds exactly its bytes."""
     lost = [name for name, known in evidence(case.boot, case.after).items() if not any(known)]
     return f"{lost[0]}: header cleared, but no file holds its bytes" if lost else ""
 
@@ -196,8 +200,9 @@ def saved_in(case: Case, folder: str, log: str) -> bool:
 
 
 def lost_copy(case: Case) -> str:
-    """Only folders that storage kept are looked at. The model lets a new one vanish until its root is flushed; a real
-    file system brings its name along with the first file in it that is written through."""
+    """Each log that was copied whole has its raw copy or its text in the folder, if storage kept the folder. The model lets
+    a new one vanish until its root is flushed; a real file system brings its name along with the first file in it that is
+    written through."""
     folders = [folder for folder in case.after.new_folders() if folder not in case.before.files]
     lost = [log for folder in folders for log in sorted(case.copied) if not saved_in(case, folder, log)]
     return f"neither raw copy nor text: {', '.join(lost)}" if lost else ""
@@ -216,12 +221,14 @@ def lost_log(case: Case) -> str:
 
 
 def stopped_steps(case: Case) -> str:
+    """A fault does not stop a later step that does not need the failed one."""
     wanted = [step for step in STEPS if step.name in case.boot.steps and step.name not in case.affected]
     missing = [step.name for step in wanted if step.evidence(case.after) != step.evidence(case.boot.clean)]
     return f"not done: {', '.join(missing)}" if missing else ""
 
 
 def history(case: Case) -> str:
+    """The history gains at most one whole line a run, exactly one in a run without faults."""
     before, after = case.before.history(), case.after.history()
     kept = after.startswith(before)
     if not kept and len(before) <= phone.HISTORY_LIMIT:
@@ -235,12 +242,13 @@ def history(case: Case) -> str:
 
 
 def unlogged(case: Case) -> str:
+    """The log names the failed step, where the daemon logs it."""
     text = next((text for call, text in LOGGED.items() if re.match(call, case.failed)), "")
     return "" if not text or (case.run and re.search(text, case.run.log)) else f"no line with {text}"
 
 
 def not_collected(case: Case) -> str:
-    """What was marked as waiting before a boot without faults must be collected by it."""
+    """A boot without faults collects all that was marked as waiting before it."""
     old, new = evidence(case.boot, case.before), evidence(case.boot, case.after)
     left = [name for name in old if old[name][0] and new[name] != (False, True)]
     if REASON_HEADER.number(case.before.field(records.REASON_REGION), "bootLevel") >= records.ABNORMAL_LEVEL:
@@ -252,31 +260,31 @@ def not_collected(case: Case) -> str:
 
 
 def reported_twice(case: Case) -> str:
+    """One reboot's kernel log is collected once."""
     whole = case.boot.clean.collected("last_kmsg")
     times = sum(text in whole for text in case.after.collected("last_kmsg"))
     return f"{times} collections of one kernel log" if times > 1 and "node" not in case.affected else ""
 
 
-# Name, meaning, the boots that it is checked after, and the check: what is wrong, empty if it holds.
-INVARIANTS: Tuple[Tuple[str, str, Tuple[str, ...], Callable[[Case], str]], ...] = (
-    ("ends", "the daemon ends by itself with status 0, in time, without a sanitizer report", (FAULT, NEXT), ended),
-    ("foreign bytes", "no partition byte changes outside the fields of this boot", (FAULT, CUT, NEXT), foreign_bytes),
-    ("whole records", "each field of a record is whole, old or new", (FAULT, CUT, NEXT), torn_record),
-    ("dump kept", "each dump waits in its partition or a file holds exactly its bytes", (FAULT, CUT, NEXT), lost_dump),
-    ("copy kept", "each log that was copied whole has its raw copy or its text in the folder", (CUT,), lost_copy),
-    ("log kept", "each log, and the full dump of before, is in a file, or the node waits", (FAULT,), lost_log),
-    ("independent", "a fault does not stop a later step that does not need the failed one", (FAULT,), stopped_steps),
-    ("history", "at most one whole line a run; exactly one in a run without faults", (FAULT, CUT, NEXT), history),
-    ("logged", "the log names the failed step, where the daemon logs it", (FAULT,), unlogged),
-    ("collected", "the boot after it collects all that is marked as waiting", (NEXT,), not_collected),
-    ("once", "one reboot's kernel log is collected once", (NEXT,), reported_twice),
-)
-
+# The boots that each is checked after, and the check: what is wrong, empty if what it says of itself holds.
+INVARIANTS: Dict[str, Tuple[Sequence[str], Callable[[Case], str]]] = {
+    "ends": ((FAULT, NEXT), ended),
+    "foreign bytes": ((FAULT, CUT, NEXT), foreign_bytes),
+    "whole records": ((FAULT, CUT, NEXT), torn_record),
+    "dump kept": ((FAULT, CUT, NEXT), lost_dump),
+    "copy kept": ((CUT,), lost_copy),
+    "log kept": ((FAULT,), lost_log),
+    "independent": ((FAULT,), stopped_steps),
+    "history": ((FAULT, CUT, NEXT), history),
+    "logged": ((FAULT,), unlogged),
+    "collected": ((NEXT,), not_collected),
+    "once": ((NEXT,), reported_twice),
+}
 Broken = Tuple[str, str]  # invariant, what is wrong
 
 
 def judge(case: Case) -> List[Broken]:
-    found = ((name, check(case)) for name, _, stages, check in INVARIANTS if case.stage in stages)
+    found = ((name, check(case)) for name, (stages, check) in INVARIANTS.items() if case.stage in stages)
     return [(name, f"{case.stage}: {wrong}") for name, wrong in found if wrong]
 
 

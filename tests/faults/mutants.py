@@ -1,5 +1,5 @@
-"""Do the campaigns notice? Builds daemons that are wrong on purpose, one change each, and runs a part of
-the campaigns against each of them: every mutant must break an invariant, the unchanged daemon none.
+"""Do the campaigns notice? Builds daemons that are wrong on purpose, one change each, and runs a part of the campaigns
+against each of them: every mutant must break an invariant, the unchanged daemon none.
     python3 tests/faults/mutants.py [JOBS]"""
 
 from __future__ import annotations
@@ -11,36 +11,33 @@ import shutil
 import subprocess
 import sys
 import tempfile
-from typing import Dict, List, Tuple
+from typing import Dict, List, Union
 
 ROOT = Path(__file__).resolve().parents[2]
-Changes = Tuple[Tuple[str, str], ...]
-PARTS = (("faults", "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync)"), ("powercuts", "^panic:"))
-
+Changes = Dict[str, str]
+PARTS = {"faults": "^panic:(write:half:[0-9]*[05]:|openat:[0-9]+:EIO:once|fsync)", "powercuts": "^panic:"}
 
 # What is wrong, and the changes that make it so: patterns, each of one place in the sources, and replacements.
-MUTANTS = (
-    ("unchanged", ()),
-    ("no flush before the header is cleared", ((r"fsync\(fd\) != 0 \? [^;]*;", "fd < 0;"),)),
-    ("texts not flushed before their raw copy goes", ((r"fd\.ok\(\) && fsync\(fd\.get\(\)\) != 0", "false"),)),
-    ("dump header cleared before the copy", ((r"(    unique_fd tmpFd)", r"    UpdatePartDumpHeader(mode);\n\1"),)),
-    (
-        "dump header cleared before the packing",
-        ((r"(    const unique_fd rawFd)", r"    UpdatePartDumpHeader(mode);\n\1"),),
-    ),
-    (
-        "reason node cleared at the end",
-        ((r"    UpdatePartReasonHeader\(\);\n", ""), (r"(markerPath, .*\n)", r"\1    UpdatePartReasonHeader();\n")),
-    ),
-    ("partitions not written through", ((r"O_RDWR \| O_SYNC", "O_RDWR"),)),
-    ("WriteRetry without its loop", ((r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))", r"\1if\2"),)),
-)
+CLEAR = r"    UpdatePartDumpHeader(mode);\n\1"
+MUTANTS: Dict[str, Changes] = {
+    "unchanged": {},
+    "no flush before the header is cleared": {r"fsync\(fd\) != 0 \? [^;]*;": "fd < 0;"},
+    "texts not flushed before their raw copy goes": {r"fd\.ok\(\) && fsync\(fd\.get\(\)\) != 0": "false"},
+    "dump header cleared before the copy": {r"(    unique_fd tmpFd)": CLEAR},
+    "dump header cleared before the packing": {r"(    const unique_fd rawFd)": CLEAR},
+    "reason node cleared at the end": {
+        r"    UpdatePartReasonHeader\(\);\n": "",
+        r"(markerPath, .*\n)": r"\1    UpdatePartReasonHeader();\n",
+    },
+    "partitions not written through": {r"O_RDWR \| O_SYNC": "O_RDWR"},
+    "WriteRetry without its loop": {r"(?s)(int VortaHandle::WriteRetry.*?)while( \(done < length\))": r"\1if\2"},
+}
 
 
 def build(changes: Changes, tree: Path) -> Path:
     sources = [source for folder in ("handle", "rainbow") for source in (tree / folder).glob("*.cpp")]
     originals: Dict[Path, str] = {}
-    for pattern, replacement in changes:
+    for pattern, replacement in changes.items():
         places = [source for source in sources for _ in re.finditer(pattern, source.read_text())]
         if len(places) != 1:
             raise SystemExit(f"tests/faults/mutants.py: {pattern} matches {len(places)} places; expected one")
@@ -56,6 +53,7 @@ def try_mutant(part: str, only: str, daemon: Path, jobs: str) -> List[str]:
     """The invariants that broke."""
     result = daemon.with_name("result.json")
     result.unlink(missing_ok=True)
+    command: List[Union[str, Path]]
     command = [ROOT / "scripts" / part, "--short", "--only", only, "--daemon", daemon, "--jobs", jobs, "--json", result]
     run = subprocess.run(command, capture_output=True, text=True, check=False)
     if not result.exists():  # even a boot without faults broke
@@ -73,11 +71,12 @@ def main(jobs: str = "2") -> int:
     with tempfile.TemporaryDirectory(prefix="mutants-") as folder:
         tree = Path(folder) / "tree"
         shutil.copytree(ROOT, tree, ignore=shutil.ignore_patterns("build", ".git"))
+        configure: List[Union[str, Path]]
         configure = ["cmake", "-S", tree, "-B", tree / "build", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo"]
         subprocess.run(configure, check=True, capture_output=True)
-        for name, changes in MUTANTS:
+        for name, changes in MUTANTS.items():
             daemon = build(changes, tree)
-            found = {part: try_mutant(part, only, daemon, jobs) for part, only in PARTS}
+            found = {part: try_mutant(part, only, daemon, jobs) for part, only in PARTS.items()}
             noticed = any(found.values())
             right = noticed == bool(changes)
             wrong += not right

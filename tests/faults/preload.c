@@ -1,5 +1,5 @@
-/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:KIND:N or
- * CALL:KIND:N+ and strikes the N-th call, or all from the N-th on:
+/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:KIND:N or CALL:KIND:N+ and
+ * strikes the N-th call, or all from the N-th on:
  *     write:half    writes the first half of the bytes (at least one)
  *     write:none    writes nothing and gives 0
  *     gzwrite:none  packs nothing and gives 0
@@ -16,35 +16,24 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-static char call[9], kind[8];
-static long first, counted;
-static int on, told;
+static char call[9], kind[8], on;
+static long first, counted, told;
 
 __attribute__((constructor)) static void ReadOrder(void) {
     const char* order = getenv("FAULT");
-    if (order == NULL || strcmp(program_invocation_short_name, "vorta") != 0) {
-        return;  /* the shell and its tools are left alone */
+    if (order != NULL && strcmp(program_invocation_short_name, "vorta") == 0) { /* not the shell and its tools */
+        (void)sscanf(order, "%8[a-z]:%7[a-z]:%ld%c", call, kind, &first, &on);
     }
-    const char* colon = strchr(order, ':');
-    const char* last = strrchr(order, ':');
-    strncpy(call, order, (size_t)(colon - order));
-    strncpy(kind, colon + 1, (size_t)(last - colon - 1));
-    char* end = NULL;
-    first = strtol(last + 1, &end, 10);
-    on = *end == '+';
 }
 
 static int Strikes(const char* name) {
-    if (strcmp(name, call) != 0) {
+    if (strcmp(name, call) != 0 || ++counted < first || (counted > first && on != '+')) {
         return 0;
     }
-    ++counted;
-    const int strikes = counted == first || (on && counted > first);
-    if (strikes && !told) {
-        told = 1;
+    if (told++ == 0) {
         (void)syscall(SYS_write, STDERR_FILENO, "STRUCK\n", 7);
     }
-    return strikes;
+    return 1;
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {

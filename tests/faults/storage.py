@@ -17,12 +17,6 @@ from boots import digest
 from calls import Call
 from state import STAMP, State
 
-OPENED = re.compile(r'^openat\(AT_FDCWD<[^>]*>, "(/data/[^"]*)", (\S+?)[,)].* = (\d+)<')
-MADE = re.compile(r'^mkdir\("(/data/[^"]*)".* = 0')
-REMOVED = re.compile(r'^(?:unlink|rmdir)\("(/data/[^"]*)"\) = 0')
-WRITTEN = re.compile(r"^write\((\d+)<(/data/[^>]*)>.* = (\d+)$")
-FLUSHED = re.compile(r"^fsync\(\d+<(/data/[^>]*)>\) = 0")
-
 
 @dataclass
 class Pending:
@@ -73,49 +67,41 @@ class Pending:
 def pending_after(calls: Sequence[Call], existing: Set[str]) -> Pending:
     """Plays the calls on storage that holds the `existing` names. The time of the run reads TIME."""
     pending = Pending(set(existing))
-    play: Tuple[Tuple[re.Pattern[str], Callable[..., None]], ...] = (
-        (OPENED, pending.open),
-        (MADE, lambda name: pending.make(f"{name}/")),
-        (REMOVED, pending.remove),
-        (WRITTEN, pending.write),
-        (FLUSHED, pending.flush),
-    )
+    play: Dict[str, Callable[..., None]] = {
+        r'openat\(AT_FDCWD<[^>]*>, "(/data/[^"]*)", (\S+?)[,)].* = (\d+)<': pending.open,
+        r'mkdir\("(/data/[^"]*)".* = 0': lambda name: pending.make(f"{name}/"),
+        r'(?:unlink|rmdir)\("(/data/[^"]*)"\) = 0': pending.remove,
+        r"write\((\d+)<(/data/[^>]*)>.* = (\d+)$": pending.write,
+        r"fsync\(\d+<(/data/[^>]*)>\) = 0": pending.flush,
+    }
     stamps = [found[1] for found in (RECORD_TIME.search(call.text) for call in calls) if found] or ["TIME"]
     for call in calls:
-        for pattern, happens in play:
-            if found := pattern.match(call.text.replace(stamps[0], "TIME")):
+        for pattern, happens in play.items():
+            if found := re.match(pattern, call.text.replace(stamps[0], "TIME")):
                 happens(*found.groups())
     return pending
-
-
-def whole(data: bytes, _flushed: int) -> bytes:
-    return data
-
-
-def only_flushed(data: bytes, flushed: int) -> bytes:
-    return data[:flushed]
 
 
 def torn(data: bytes, flushed: int) -> bytes:
     return data[: flushed + (len(data) - flushed) // 2 // BLOCK * BLOCK]
 
 
-def without_first_block(data: bytes, flushed: int) -> bytes:
+def holed(data: bytes, flushed: int) -> bytes:
     return data[:flushed] + bytes(len(data[flushed : flushed + BLOCK])) + data[flushed + BLOCK :]
 
 
-# Name of a way that storage may look; what is found of a file, given how much of it is flushed; which of the new names
-# are lacking, given the name and whether it is the newest; and whether removed ones are back.
-WAYS: Tuple[Tuple[str, Callable[[bytes, int], bytes], Callable[[str, bool], bool], bool], ...] = (
-    ("all there", whole, lambda name, newest: False, False),
-    ("unflushed bytes absent", only_flushed, lambda name, newest: False, False),
-    ("torn in the middle", torn, lambda name, newest: False, False),
-    ("first 4 KiB absent", without_first_block, lambda name, newest: False, False),
-    ("new folders absent", whole, lambda name, newest: name.endswith("/"), False),
-    ("new names absent", only_flushed, lambda name, newest: True, False),
-    ("the newest name absent", whole, lambda name, newest: newest, False),
-    ("removed names back", whole, lambda name, newest: False, True),
-)
+# The ways that storage may look: what is found of a file, given how much of it is flushed; which of the new names are
+# lacking, given the name and whether it is the newest; and whether removed ones are back.
+WAYS: Dict[str, Tuple[Callable[[bytes, int], bytes], Callable[[str, bool], bool], bool]] = {
+    "all there": (lambda data, flushed: data, lambda name, newest: False, False),
+    "unflushed bytes absent": (lambda data, flushed: data[:flushed], lambda name, newest: False, False),
+    "torn in the middle": (torn, lambda name, newest: False, False),
+    "first 4 KiB absent": (holed, lambda name, newest: False, False),
+    "new folders absent": (lambda data, flushed: data, lambda name, newest: name.endswith("/"), False),
+    "new names absent": (lambda data, flushed: data[:flushed], lambda name, newest: True, False),
+    "the newest name absent": (lambda data, flushed: data, lambda name, newest: newest, False),
+    "removed names back": (lambda data, flushed: data, lambda name, newest: False, True),
+}
 
 
 def after_cut(before: State, now: State, pending: Pending) -> List[Tuple[str, State]]:
@@ -123,19 +109,16 @@ def after_cut(before: State, now: State, pending: Pending) -> List[Tuple[str, St
     shell's: nothing of them is on storage for certain."""
     plain = {name: name if name in before.files else STAMP.sub("TIME", name) for name in now.files}
     shells = {name for name, known in plain.items() if known not in pending.known}
-    flushed = {
-        name: pending.flushed.get(known, 0)
-        for name, known in plain.items()
-        if name in shells or known in pending.flushed
-    }
-    unnamed = [name for name, known in plain.items() if name in shells or known in pending.names]
+    unflushed = {name for name, known in plain.items() if known in pending.flushed} | shells
+    unnamed = {name for name, known in plain.items() if known in pending.names} | shells
     back = {name: data for name, data in before.files.items() if name.rstrip("/") in pending.removed}
     found: Dict[int, Tuple[str, State]] = {}
-    for way, content, lacks, returns in WAYS:
+    for way, (content, lacks, returns) in WAYS.items():
         lost = {name for name in unnamed if lacks(name, plain[name] in pending.names[-1:])}
         below = tuple(name for name in lost if name.endswith("/"))
         kept = {name: data for name, data in now.files.items() if name not in lost and not name.startswith(below)}
-        files = {name: content(data, flushed[name]) if name in flushed else data for name, data in kept.items()}
-        state = State(now.partitions, {**files, **back} if returns else files)
+        for name in kept.keys() & unflushed:
+            kept[name] = content(kept[name], pending.flushed.get(plain[name], 0))
+        state = State(now.partitions, {**kept, **back} if returns else kept)
         found.setdefault(digest(state), (way, state))
     return list(found.values())

@@ -6,6 +6,7 @@ the kernel's hooks would ask for them on the phone. A system call that no table 
 that a change of the daemon cannot slip through.
 """
 
+import functools
 import os
 from pathlib import Path
 import re
@@ -43,34 +44,38 @@ IGNORED = re.compile(r"/(etc|usr/share|\.[a-z]+|data/vendor/factory)(/|$)|/pipe:
 PARTITIONS = phone.BLOCK_FOLDER + "/"
 # The board's own policy has this one on every phone: init, vold and fsck need it.
 BOARD_CONTEXTS = f"{PARTITIONS}userdata u:object_r:userdata_block_device:s0\n"
-READING = {"dir": ("search", "open", "read", "getattr"), "file": ("open", "read", "getattr")}
+READING = {"dir": "search open read getattr", "file": "open read getattr"}
 
 CALL = re.compile(r"(\w+)\((.*)\)\s+= (?:-?\w+)(?:<([^>]*)>)?(?: (E\w+))?")
 PATH = re.compile(r'(?:(?:AT_FDCWD|\d+)(?:<([^>]*)>)?, )?"([^"]*)"')
 DESCRIPTOR = re.compile(r"\d+<([^>]*)>")
 MODES = {"REG": "file", "DIR": "dir", "LNK": "lnk_file", "IFO": "fifo_file", "CHR": "chr_file", "BLK": "blk_file"}
 
-LOG_WRITE = (("logdw_socket", "sock_file", "write"), ("logd", "unix_dgram_socket", "sendto"))
-SOCKET = tuple(("vorta", "unix_dgram_socket", permission) for permission in ("create", "connect", "write"))
-# Calls whose permissions do not depend on their arguments.
+# Calls whose permissions do not depend on their arguments, as (target, class, permissions).
+LOG_SOCKET = ("vorta", "unix_dgram_socket", "create connect write")
 FIXED = {
-    **dict.fromkeys("clone clone3 fork vfork".split(), tuple(("vorta", "process", p) for p in ("fork", "sigchld"))),
-    **dict.fromkeys("kill tgkill".split(), (("vorta", "process", "signal"),)),
-    "socket": SOCKET,
-    **dict.fromkeys("connect sendto sendmsg".split(), SOCKET + LOG_WRITE),
+    "clone clone3 fork vfork": [("vorta", "process", "fork sigchld")],
+    "kill tgkill": [("vorta", "process", "signal")],
+    "socket": [LOG_SOCKET],
+    "connect sendto sendmsg": [
+        LOG_SOCKET,
+        ("logdw_socket", "sock_file", "write"),
+        ("logd", "unix_dgram_socket", "sendto"),
+    ],
 }
 # Calls on a path or descriptor: permissions on the object, then on its folder if the call changes that.
 ON_OBJECT = {
-    **dict.fromkeys("stat lstat fstat newfstatat statx".split(), (("getattr",), ())),
-    **dict.fromkeys("chmod fchmod fchmodat chown fchown fchownat".split(), (("setattr",), ())),
-    "getdents64": (("read",), ()),
-    "readlink": (("read",), ()),
-    "ioctl": (("ioctl",), ()),
-    "mkdir": (("create",), ("write", "add_name")),
-    "rmdir": (("rmdir",), ("write", "remove_name")),
-    "unlink": (("unlink",), ("write", "remove_name")),
-    "execve": (("getattr", "open", "read", "execute", "map"), ()),
+    "stat lstat fstat newfstatat statx": ("getattr", ""),
+    "chmod fchmod fchmodat chown fchown fchownat": ("setattr", ""),
+    "getdents64 readlink": ("read", ""),
+    "ioctl": ("ioctl", ""),
+    "mkdir": ("create", "write add_name"),
+    "rmdir": ("rmdir", "write remove_name"),
+    "unlink": ("unlink", "write remove_name"),
+    "execve": ("getattr open read execute map", ""),
+    "openat statfs fstatfs access faccessat2": ("", ""),  # what they were asked for tells
 }
+FIXED, ON_OBJECT = ({call: row[calls] for calls in row for call in calls.split()} for row in (FIXED, ON_OBJECT))
 
 
 def phone_path(path):
@@ -83,16 +88,12 @@ class Labels:
     """Types of the phone's paths, by the file contexts and the genfs labels of a policy."""
 
     def __init__(self, platform, fragment, genfs, contexts):
-        self.cache, self.genfs, self.contexts = {}, genfs, contexts
         own, common = (folder / "file_contexts" for folder in (fragment, platform / "private"))
         contexts.write_text(common.read_text() + BOARD_CONTEXTS + own.read_text())
+        self.genfs, self.contexts = genfs, contexts
 
+    @functools.lru_cache(maxsize=None)
     def type_of(self, path):
-        if path not in self.cache:
-            self.cache[path] = self.look_up(path)
-        return self.cache[path]
-
-    def look_up(self, path):
         if re.match(r"/(proc|sys)(/|$)", path):
             return self.genfs[max((known for known in self.genfs if path.startswith(known)), key=len)]
         command = ["selabel_lookup", "-b", "file", "-f", self.contexts, "-k", path]
@@ -146,21 +147,21 @@ class Uses:
         for name, of_type in types.items():
             if self.properties_read and f'"{name}"' in sources:
                 self.where = f"property {name}"
-                self.use(of_type, "file", "open", "read", "getattr", "map")
+                self.use(of_type, "file", "open read getattr map")
 
     def reading(self):
         """What a program asks for that reads whatever the daemon made in the dump folders."""
         reader = Uses(self.labels)
         for folder in (phone.DUMPLOG, phone.FULLDUMPLOG):
             reader.walk(folder)
-            reader.use(self.labels.type_of(folder), "dir", *READING["dir"])
+            reader.use(self.labels.type_of(folder), "dir", READING["dir"])
         for target, tclass, permission in self.found:
             if permission == "create" and tclass in READING:
-                reader.use(target, tclass, *READING[tclass])
+                reader.use(target, tclass, READING[tclass])
         return set(reader.found)
 
-    def use(self, target, tclass, *permissions):
-        for permission in permissions:
+    def use(self, target, tclass, permissions):
+        for permission in permissions.split():
             self.found.setdefault((target, tclass, permission), self.where)
 
     def take(self, name, arguments, opened, error):
@@ -175,9 +176,9 @@ class Uses:
         elif name == "mmap":
             match = re.search(r", \d+<(/[^>]*)>", arguments)
             if match and not IGNORED.match(match[1]):
-                executed = ["execute"] if "PROT_EXEC" in arguments else []
-                self.use(self.labels.type_of(phone_path(match[1])), "file", "map", "read", *executed)
-        elif name in ON_OBJECT or name in ("openat", "statfs", "fstatfs", "access", "faccessat2"):
+                executed = " execute" if "PROT_EXEC" in arguments else ""
+                self.use(self.labels.type_of(phone_path(match[1])), "file", "map read" + executed)
+        elif name in ON_OBJECT:
             self.on_path(name, arguments, opened, error)
         else:
             self.faults.append(f"system call without an entry in policy_uses.py: {self.where}")
@@ -224,10 +225,9 @@ class Uses:
     def reach(self, name, arguments, there, target):
         """The permissions on the object itself and, for a new or a removed one, on its folder."""
         tclass, parent = self.class_of(name, arguments, there), self.labels.type_of(os.path.dirname(there))
-        if name in ON_OBJECT:
-            own, folder = ON_OBJECT[name]
-            self.use(target, tclass, *own)
-            self.use(parent, "dir", *folder)
+        own, folder = ON_OBJECT[name]
+        self.use(target, tclass, own)
+        self.use(parent, "dir", folder)
         if name == "openat":
             self.open(arguments, target, tclass, parent)
         elif name == "execve":
@@ -238,12 +238,13 @@ class Uses:
         elif name in ("statfs", "fstatfs"):
             self.use("labeledfs", "filesystem", "getattr")
         elif name in ("access", "faccessat2"):
-            modes = {"R_OK": "read", "W_OK": "write", "X_OK": "execute"}
-            self.use(target, tclass, *(permission for mode, permission in modes.items() if mode in arguments))
+            for mode, permission in (("R_OK", "read"), ("W_OK", "write"), ("X_OK", "execute")):
+                if mode in arguments:
+                    self.use(target, tclass, permission)
 
     def open(self, arguments, target, tclass, parent):
         if "O_CREAT" in arguments:  # taken as new: in some scenario each of them is
-            self.use(parent, "dir", "write", "add_name")
+            self.use(parent, "dir", "write add_name")
             self.use(target, tclass, "create")
         self.use(target, tclass, "open")
         if "O_WRONLY" not in arguments:

@@ -86,13 +86,13 @@ def check(arguments: argparse.Namespace) -> int:
     require_linux()
     import tempfile  # pylint: disable=import-outside-toplevel
 
-    from . import check as checks, process  # pylint: disable=import-outside-toplevel
+    from . import check as checks, signals  # pylint: disable=import-outside-toplevel
 
     look, status = checks.update if arguments.update else checks.check, 0
     for name in arguments.names or scenario.shipped():
         wanted = scenario.load(name)
         # Until the scratch folder is gone, signals wait.
-        with process.held_signals(), tempfile.TemporaryDirectory(prefix="vortadev-") as scratch:
+        with signals.HeldSignals(), tempfile.TemporaryDirectory(prefix="vortadev-") as scratch:
             broken = look(wanted, Path(scratch, "device"), run_options(arguments))
         lines = [f"{name:<22} {'BROKEN' if broken else 'as promised'}", *(f"  {printable(line)}" for line in broken)]
         say("\n".join(lines) + "\n")

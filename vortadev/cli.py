@@ -14,7 +14,7 @@ import sys
 from typing import Any, List, NoReturn, Optional, Sequence
 
 from . import __version__, device, phone, reading, records, scenario, show
-from .document import Document, Node, read_json
+from .document import read_document, read_json
 from .errors import DeviceError, printable
 from .options import add_run_options, number, run_options
 
@@ -36,8 +36,7 @@ def run(arguments: argparse.Namespace) -> int:
         runs = phone.SERVICES
     elif arguments.behind is None and device.is_device(arguments.device):
         file = arguments.device / device.SCENARIO_FILE
-        document = Document(read_json(file), file)
-        runs = [Node(document, document.value)["run"]["arguments"].texts(phone.RAINBOW)]
+        runs = [read_document(read_json(file), file)["run"]["arguments"].texts(phone.RAINBOW)]
     statuses = [run_program(phone.DAEMON, arguments, behind) for behind in runs]
     return next(filter(None, statuses), 0)
 

@@ -69,34 +69,30 @@ class Options:
     date: Optional[datetime] = None  # where the clock begins, local time of the phone
 
 
-def namespaces() -> List[str]:
-    """The beginning of each command line: what it takes for this user."""
-    # Group 1000 inside, so that an ordinary user can give a file to it, without effect on disk.
-    user = [] if os.geteuid() == 0 else ["--unshare-user", "--uid", str(phone.OWNER), "--gid", str(phone.GROUP)]
-    return ["bwrap", *user, "--unshare-pid", "--die-with-parent"]
-
-
 def command_line(
     folder: Path, options: Options, loops: Dict[str, str], program: str, arguments: Sequence[str]
 ) -> List[str]:
     """Runs the program on the device. `loops` are the devices that take the place of partition files."""
+    # Group 1000 inside, so that an ordinary user can give a file to it, without effect on disk.
+    user = [] if os.geteuid() == 0 else ["--unshare-user", "--uid", str(phone.OWNER), "--gid", str(phone.GROUP)]
     data = SMALL_DATA if options.data_size is not None else READ_ONLY_DATA if options.read_only_data else DATA
     values = {"folder": folder, "daemon": daemon_of(options), "size": options.data_size}
-    line = [*namespaces(), *environment_of(options), *(word.format(**values) for word in f"{ROOT} {data}".split())]
-    for name, path in loops.items():
-        line += ["--dev-bind", path, f"{phone.BLOCK_FOLDER}/{name}"]
-    counters = os.environ.get("GCOV_PREFIX")  # of a daemon that counts which of its lines ran
-    for host, inside in [*options.binds, *([(counters, counters)] if counters else [])]:
-        line += ["--bind", os.path.abspath(host), inside]
-    for capability in options.drop_caps:
-        line += ["--cap-drop", capability]
     tools, started = command(program, arguments, options)
-    for inside, host in tools.items():
-        line += ["--ro-bind", host, inside]
-    return [*line, "--", *started]
+    counters = os.environ.get("GCOV_PREFIX")  # of a daemon that counts which of its lines ran
+    more = [
+        *(("--setenv", name, value) for name, value in sorted(environment_of(options).items())),
+        [word.format(**values) for word in f"{ROOT} {data}".split()],
+        *(("--dev-bind", path, f"{phone.BLOCK_FOLDER}/{name}") for name, path in loops.items()),
+        *(("--bind", os.path.abspath(host), inside) for host, inside in options.binds),
+        *([("--bind", counters, counters)] if counters else []),
+        *(("--cap-drop", capability) for capability in options.drop_caps),
+        *(("--ro-bind", host, inside) for inside, host in tools.items()),
+    ]
+    line = ["bwrap", *user, "--unshare-pid", "--die-with-parent", "--clearenv"]
+    return [*line, *(word for words in more for word in words), "--", *started]
 
 
-def environment_of(options: Options) -> List[str]:
+def environment_of(options: Options) -> Dict[str, str]:
     # With POSIXLY_CORRECT getopt stops at the first operand, as the phone's does.
     environment = {"PATH": "/system/bin:/vendor/bin", "LD_LIBRARY_PATH": "/vendor/lib64", "POSIXLY_CORRECT": "1"}
     environment.update({name: os.environ[name] for name in PASSED_ON if name in os.environ})
@@ -106,10 +102,7 @@ def environment_of(options: Options) -> List[str]:
         environment["LD_PRELOAD"] = " ".join(filter(None, preloaded))
         environment["FAKETIME"] = f"@{options.date:%Y-%m-%d %H:%M:%S}"
         environment.update(FAKETIME_DONT_FAKE_MONOTONIC="1", NO_FAKE_STAT="1")
-    arguments = ["--clearenv"]
-    for name, value in sorted(environment.items()):
-        arguments += ["--setenv", name, value]
-    return arguments
+    return environment
 
 
 def time_library(options: Options) -> str:

@@ -102,8 +102,8 @@ class Boot:
         wanted, found = self.expect.status, self.run.status
         yield from unless(found == wanted, f"exit status {wanted}, found {found}")
         yield from unless(after.keys() == before.keys(), "the daemon makes and removes no partition")
-        for name in after.keys() & before.keys():
-            yield from differing_byte(name, self.expected_image(name), after[name])
+        for name, expected in self.expected_images().items():
+            yield from differing_byte(name, expected, after.get(name, expected))
         yield from self.broken_dump_folder()
         yield from self.broken_fulldump()
         yield from self.broken_history()
@@ -114,20 +114,18 @@ class Boot:
     def region_before(self, region: records.Region) -> bytes:
         return self.before.partitions.get(region.partition, Image(0)).read(region.offset, region.size)
 
-    def expected_image(self, name: str) -> Image:
-        """The partition before the run with the bytes that the scenario lets it change."""
-        image = Image(self.before.partitions[name].size, dict(self.before.partitions[name].blocks))
-        if name == records.RAWDUMP:
-            image.put(records.REASON_REGION.offset, self.expect.reason_header)
-        elif name == records.BOOTFAIL:
-            image.put(records.META_REGION.offset, self.expect.meta)
+    def expected_images(self) -> Dict[str, Image]:
+        """The partitions before the run with the bytes that the scenario lets it change."""
+        images = {name: Image(image.size, dict(image.blocks)) for name, image in self.before.partitions.items()}
+        device.put(images, records.RAWDUMP, records.REASON_REGION.offset, self.expect.reason_header)
+        device.put(images, records.BOOTFAIL, records.META_REGION.offset, self.expect.meta)
         dumps = {"minidump": (records.RAWDUMP, self.scenario.minidump)}
         if self.scenario.fulldump:
             dumps["fulldump"] = (records.USERDATA, self.scenario.fulldump)
-        for kind, (partition, dump) in dumps.items():
-            if partition == name and kind in self.expect.cleared:
-                image.put(dump.offset, bytes(len(dump.header)))
-        return image
+        for kind in dumps.keys() & set(self.expect.cleared):
+            partition, dump = dumps[kind]
+            device.put(images, partition, dump.offset, bytes(len(dump.header)))
+        return images
 
     def broken_dump_folder(self) -> Iterator[str]:
         added = self.after.dumps - self.before.dumps

@@ -70,6 +70,11 @@ class Image:
                 self.blocks.pop(at, None)
 
 
+def put(images: Dict[str, Image], partition: str, offset: int, data: bytes) -> None:
+    if partition in images:
+        images[partition].put(offset, data)
+
+
 def on_device(folder: Path, phone_path: str) -> Path:
     """The place of an absolute path of the phone."""
     return folder / phone_path[1:]
@@ -176,16 +181,14 @@ def make_room(folder: Path, force: bool) -> None:
 
 def make_partitions(folder: Path, scenario: Scenario) -> None:
     images = {name: Image(size) for name, size in scenario.partitions.items() if size is not None}
-    missing = Image(0)  # takes nothing
     for name, fill in scenario.logs.items():
         region = records.LOG_REGIONS[name]
-        images.get(region.partition, missing).put(region.offset, render(fill, name))
-    rawdump = images.get(records.RAWDUMP, missing)
-    rawdump.put(scenario.minidump.offset, scenario.minidump.render())
-    rawdump.put(records.REASON_REGION.offset, scenario.reason_header)
-    images.get(records.BOOTFAIL, missing).put(records.META_REGION.offset, scenario.meta)
+        put(images, region.partition, region.offset, render(fill, name))
+    put(images, records.RAWDUMP, scenario.minidump.offset, scenario.minidump.render())
+    put(images, records.RAWDUMP, records.REASON_REGION.offset, scenario.reason_header)
+    put(images, records.BOOTFAIL, records.META_REGION.offset, scenario.meta)
     if scenario.fulldump:
-        images.get(records.USERDATA, missing).put(scenario.fulldump.offset, scenario.fulldump.render())
+        put(images, records.USERDATA, scenario.fulldump.offset, scenario.fulldump.render())
     on_device(folder, phone.BLOCK_FOLDER).mkdir(parents=True)
     for name, image in images.items():
         write_image(partition_path(folder, name), image)

@@ -53,13 +53,13 @@ def read_json(file: Path) -> Any:
 def read_document(value: Any, file: Path) -> Node:
     """The value of a file, merged over those of the files that it builds on."""
     sources = [(file, value)]
-    root = Node(sources, value, value)
+    root = Node(sources, value)
     while root.members() and root["base"]:
         sources.append(read_base(root["base"], [file for file, _ in sources]))
-        root = Node(sources[-1:], sources[-1][1], sources[-1][1])
+        root = Node(sources[-1:], sources[-1][1])
     value = functools.reduce(merged, [value for _, value in reversed(sources)])
     value.pop("base", None)
-    return Node(sources, value, value)
+    return Node(sources, value)
 
 
 def read_base(name: Node, files: Sequence[Path]) -> Tuple[Path, Any]:
@@ -116,22 +116,22 @@ class Node:
     """A value and its place. A member that is not there is a node as well: it is false, and reading it gives nothing,
     or the default that the caller names."""
 
-    def __init__(self, sources: Sequence[Tuple[Path, Any]], root: Any, value: Any, path: Tuple[str, ...] = ()) -> None:
+    def __init__(self, sources: Sequence[Tuple[Path, Any]], value: Any, path: Sequence[str] = (), root: Any = None):
         self.sources = sources  # the files with what they say, those that are built on last
-        self.root = root  # the value of the whole document
         self.value = value
         self.path = path
+        self.root = value if root is None else root  # the value of the whole document
 
     def __bool__(self) -> bool:
         return self.value is not MISSING
 
     def __getitem__(self, key: str) -> Node:
         value = self.value.get(key, MISSING) if isinstance(self.value, dict) else MISSING
-        return Node(self.sources, self.root, value, self.path + (key,))
+        return Node(self.sources, value, (*self.path, key), self.root)
 
     def beside(self, key: str) -> Node:
         """A member of the whole document."""
-        return Node(self.sources, self.root, self.root)[key]
+        return Node(self.sources, self.root)[key]
 
     def file(self) -> Path:
         """The file that the value comes from."""
@@ -166,7 +166,7 @@ class Node:
 
     def elements(self, what: str = "a list") -> List[Node]:
         values: List[Any] = self.of_type(list, what, [])
-        return [Node(self.sources, self.root, value, self.path + (str(at),)) for at, value in enumerate(values)]
+        return [Node(self.sources, value, (*self.path, str(at)), self.root) for at, value in enumerate(values)]
 
     def text(self) -> str:
         return self.of_type(str, "a text", "")

@@ -5,6 +5,7 @@ from __future__ import annotations
 from contextlib import contextmanager
 import os
 from pathlib import Path
+import re
 import socket
 import syslog
 from threading import Thread
@@ -14,7 +15,7 @@ from .device import LOGCAT_FILE
 
 SOCKET_FILE = ".log"
 MAX_DATAGRAM = 8192
-STAMP_SIZE = len("Mmm dd hh:mm:ss ")
+MESSAGE = re.compile(rb"<(\d{1,3})>.{16}(.*)", re.DOTALL)  # priority, time stamp, tag and text
 
 
 @contextmanager
@@ -59,9 +60,9 @@ def receive(log: socket.socket, end: bytes, lines: List[bytes], file: BinaryIO, 
 def log_line(datagram: bytes) -> bytes:
     """`<14>Mmm dd hh:mm:ss vorta: text` as `I vorta: text`: the letter of the severity, I, W or E, then tag and text on
     one line. A closing line feed goes, others become \\n."""
-    priority, closed, rest = datagram.partition(b">")
-    if not priority.startswith(b"<") or not priority[1:].isdigit() or not closed or len(rest) < STAMP_SIZE:
+    found = MESSAGE.fullmatch(datagram)
+    if not found:
         return b"? " + repr(datagram)[2:-1].encode("ascii")
-    severity = int(priority[1:]) & 7
+    severity = int(found[1]) & 7
     letter = b"E " if severity <= syslog.LOG_ERR else b"W " if severity == syslog.LOG_WARNING else b"I "
-    return letter + rest[STAMP_SIZE:].rstrip(b"\n").replace(b"\n", b"\\n")
+    return letter + found[2].rstrip(b"\n").replace(b"\n", b"\\n")

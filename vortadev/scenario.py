@@ -88,7 +88,7 @@ def read_logs(node: Node) -> Dict[str, Fill]:
 
 def read_dump(node: Node, keys: Sequence[str], region: Region) -> Dump:
     node.members(keys)
-    header = read_record(node["header"], records.DUMP_HEADER, bytes(records.DUMP_HEADER.size))
+    header = read_record(node["header"], records.DUMP_HEADER)
     fill = read_fill(node["content"], MINIDUMP, region.size) if node["content"] else Fill()
     return Dump(region.offset, region.size, header, fill)
 
@@ -133,12 +133,8 @@ def read_factory_library(node: Node) -> str:
     return node.text()
 
 
-def read_reason_header(node: Node) -> bytes:
-    return read_record(node, records.REASON_HEADER, bytes(records.REASON_HEADER.size))
-
-
-def read_full_meta(node: Node) -> bytes:
-    return read_meta(node, bytes(records.FULLDUMP_META.size))
+def read_reason_header(node: Node, before: bytes = b"") -> bytes:
+    return read_record(node, records.REASON_HEADER, before)
 
 
 def read_cleared(node: Node) -> List[str]:
@@ -152,7 +148,7 @@ def read_header_after(node: Node) -> bytes:
     if "reasonNode" in node["cleared"].texts():
         region = records.REASON_NODE_REGION
         header[region.offset : region.offset + region.size] = bytes(region.size)
-    header[:] = read_record(node["reasonHeader"], records.REASON_HEADER, bytes(header))
+    header[:] = read_reason_header(node["reasonHeader"], bytes(header))
     if node["firstBytes"]:
         header[:8] = read_hex(node["firstBytes"], "{8}", "eight bytes in hexadecimal")
     return bytes(header)
@@ -189,7 +185,7 @@ class Expectations:
 def read_expectations(node: Node) -> Any:
     node.members()
     header = read_header_after(node)
-    meta = read_meta(node["meta"], read_full_meta(node.beside("meta")))
+    meta = read_meta(node["meta"], read_meta(node.beside("meta")))
     return read_object(Expectations, node, ("reasonHeader", "firstBytes", "meta"), reason_header=header, meta=meta)
 
 
@@ -210,7 +206,7 @@ class Scenario:
     logs: Dict[str, Fill] = keyed(read_logs)
     minidump: Dump = keyed(read_minidump)
     fulldump: Optional[Dump] = keyed(read_fulldump)
-    meta: bytes = keyed(read_full_meta)
+    meta: bytes = keyed(read_meta)
     data: List[DataEntry] = keyed(read_data)
     factory_library: str = keyed(read_factory_library)  # "present", "withoutSymbol" or ""
     expect: Expectations = keyed(read_expectations)

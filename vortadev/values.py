@@ -91,10 +91,10 @@ def read_field(node: Node, field: Field) -> Union[int, bytes]:
     return int(number)
 
 
-def read_record(node: Node, layout: Record, before: bytes, left_out: Sequence[str] = ()) -> bytes:
-    """The record as it was before, with the fields that the node names, but for those that are left out."""
+def read_record(node: Node, layout: Record, before: bytes = b"", left_out: Sequence[str] = ()) -> bytes:
+    """The record as it was before, or zeros, with the fields that the node names, but for those that are left out."""
     members = dict(node.members(["fill"] + [field.name for field in layout.fields]))
-    record = bytearray(before)
+    record = bytearray(before or bytes(layout.size))
     if "fill" in members:
         data = content.render(read_fill(members["fill"], "", len(record)))
         record[: len(data)] = data
@@ -104,7 +104,7 @@ def read_record(node: Node, layout: Record, before: bytes, left_out: Sequence[st
     return bytes(record)
 
 
-def read_meta(node: Node, before: bytes) -> bytes:
+def read_meta(node: Node, before: bytes = b"") -> bytes:
     """A meta record, whose checksum is valid unless the node says otherwise."""
     crc, layout = node["crc"], records.FULLDUMP_META
     if not node or (crc and crc.value not in ("valid", "damaged")):

@@ -11,9 +11,27 @@ from typing import Dict, List, Optional, Sequence, Tuple
 
 from . import phone
 from .errors import DeviceError
+from .logsocket import SOCKET_FILE
 
 BUILT_DAEMON = Path(__file__).resolve().parent.parent / "build/host/vorta"
 PASSED_ON = ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "GCOV_PREFIX", "GCOV_PREFIX_STRIP", "TZ")
+
+# What the sandbox holds. The leak checker of a sanitizer build looks at its own threads: links in the device's /proc
+# lead to the real one.
+ROOT = f"""
+--ro-bind /usr/lib /usr/lib --symlink usr/lib /lib
+--ro-bind-try /usr/lib64 /usr/lib64 --symlink usr/lib64 /lib64
+--ro-bind-try /usr/share/zoneinfo /usr/share/zoneinfo
+--ro-bind /usr/bin /.host
+--ro-bind {{folder}}/system /system --symlink system/bin /bin
+--ro-bind {{folder}}/vendor /vendor --ro-bind {{daemon}} {phone.DAEMON}
+--dev /dev --bind {{folder}}/dev/block /dev/block --bind {{folder}}/{SOCKET_FILE} /dev/log
+--proc /.proc --ro-bind {{folder}}/proc /proc --chdir /
+"""
+NEW_DATA = "data.new"
+DATA = "--bind {folder}/data /data"
+READ_ONLY_DATA = "--ro-bind {folder}/data /data"
+SMALL_DATA = f"--ro-bind {{folder}}/data /.data --bind {{folder}}/{NEW_DATA} /.data.new --size {{size}} --tmpfs /data"
 
 # A small /data starts with the device's content, and ends in a folder that then takes its place. The host's own cp does
 # that: the device's does not tell when a disk is full.
@@ -24,7 +42,6 @@ status=$?
 /.host/cp -a /data/. /.data.new/ || exit 122
 exit $status
 """
-NEW_DATA = "data.new"
 DATA_FAILURES = {
     121: "the device's /data does not fit into {size}",
     122: "the small /data could not be copied into the device folder",
@@ -52,29 +69,30 @@ class Options:
     date: Optional[datetime] = None  # where the clock begins, local time of the phone
 
 
-def namespaces() -> List[str]:
-    """The beginning of each command line: what it takes for this user."""
+def command_line(
+    folder: Path, options: Options, loops: Dict[str, str], program: str, arguments: Sequence[str]
+) -> List[str]:
+    """Runs the program on the device. `loops` are the devices that take the place of partition files."""
     # Group 1000 inside, so that an ordinary user can give a file to it, without effect on disk.
     user = [] if os.geteuid() == 0 else ["--unshare-user", "--uid", str(phone.OWNER), "--gid", str(phone.GROUP)]
-    return ["bwrap", *user, "--unshare-pid", "--die-with-parent"]
-
-
-def command_line(folder: Path, options: Options, log: Path, loops: Optional[Dict[str, str]]) -> List[str]:
-    """The sandbox for the device, without the program that is started in it. `log` is the socket that is /dev/log
-    inside, `loops` are the devices under the partition names, if that is wanted."""
-    arguments = [*namespaces(), *environment_of(options), *system_mounts(folder, options)]
-    arguments += [*partition_mounts(folder, loops), "--bind", str(log), "/dev/log", *data_mounts(folder, options)]
-    # The leak checker of a sanitizer build looks at its own threads: links in the device's /proc lead to the real one.
-    arguments += ["--proc", "/.proc", "--ro-bind", f"{folder}/proc", "/proc", "--chdir", "/"]
+    data = SMALL_DATA if options.data_size is not None else READ_ONLY_DATA if options.read_only_data else DATA
+    values = {"folder": folder, "daemon": daemon_of(options), "size": options.data_size}
+    tools, started = command(program, arguments, options)
     counters = os.environ.get("GCOV_PREFIX")  # of a daemon that counts which of its lines ran
-    for host, inside in [*options.binds, *([(counters, counters)] if counters else [])]:
-        arguments += ["--bind", os.path.abspath(host), inside]
-    for capability in options.drop_caps:
-        arguments += ["--cap-drop", capability]
-    return [*arguments, *tool_mounts(options), "--"]
+    more = [
+        *(("--setenv", name, value) for name, value in sorted(environment_of(options).items())),
+        [word.format(**values) for word in f"{ROOT} {data}".split()],
+        *(("--dev-bind", path, f"{phone.BLOCK_FOLDER}/{name}") for name, path in loops.items()),
+        *(("--bind", os.path.abspath(host), inside) for host, inside in options.binds),
+        *([("--bind", counters, counters)] if counters else []),
+        *(("--cap-drop", capability) for capability in options.drop_caps),
+        *(("--ro-bind", host, inside) for inside, host in tools.items()),
+    ]
+    line = ["bwrap", *user, "--unshare-pid", "--die-with-parent", "--clearenv"]
+    return [*line, *(word for words in more for word in words), "--", *started]
 
 
-def environment_of(options: Options) -> List[str]:
+def environment_of(options: Options) -> Dict[str, str]:
     # With POSIXLY_CORRECT getopt stops at the first operand, as the phone's does.
     environment = {"PATH": "/system/bin:/vendor/bin", "LD_LIBRARY_PATH": "/vendor/lib64", "POSIXLY_CORRECT": "1"}
     environment.update({name: os.environ[name] for name in PASSED_ON if name in os.environ})
@@ -84,10 +102,7 @@ def environment_of(options: Options) -> List[str]:
         environment["LD_PRELOAD"] = " ".join(filter(None, preloaded))
         environment["FAKETIME"] = f"@{options.date:%Y-%m-%d %H:%M:%S}"
         environment.update(FAKETIME_DONT_FAKE_MONOTONIC="1", NO_FAKE_STAT="1")
-    arguments = ["--clearenv"]
-    for name, value in sorted(environment.items()):
-        arguments += ["--setenv", name, value]
-    return arguments
+    return environment
 
 
 def time_library(options: Options) -> str:
@@ -98,56 +113,21 @@ def time_library(options: Options) -> str:
     raise DeviceError("--date needs the library libfaketime.so.1; install the package libfaketime")
 
 
-def system_mounts(folder: Path, options: Options) -> List[str]:
-    mounts = ["--ro-bind", "/usr/lib", "/usr/lib", "--symlink", "usr/lib", "/lib"]
-    mounts += ["--ro-bind-try", "/usr/lib64", "/usr/lib64", "--symlink", "usr/lib64", "/lib64"]
-    mounts += ["--ro-bind-try", "/usr/share/zoneinfo", "/usr/share/zoneinfo"]
-    mounts += ["--ro-bind", f"{folder}/system", "/system", "--symlink", "system/bin", "/bin"]
-    mounts += ["--ro-bind", f"{folder}/vendor", "/vendor", "--ro-bind", daemon_of(options), phone.DAEMON]
-    return [*mounts, "--dev", "/dev"]
-
-
-def partition_mounts(folder: Path, loops: Optional[Dict[str, str]]) -> List[str]:
-    if loops is None:
-        return ["--bind", f"{folder}/dev/block", "/dev/block"]
-    mounts = ["--dir", phone.BLOCK_FOLDER]
-    for name, path in loops.items():
-        mounts += ["--dev-bind", path, f"{phone.BLOCK_FOLDER}/{name}"]
-    return mounts
-
-
-def data_mounts(folder: Path, options: Options) -> List[str]:
-    data = f"{folder}/data"
-    if options.data_size is not None:
-        small = ["--size", str(options.data_size), "--tmpfs", "/data"]
-        return ["--ro-bind", data, "/.data", "--bind", f"{folder}/{NEW_DATA}", "/.data.new", *small]
-    return ["--ro-bind" if options.read_only_data else "--bind", data, "/data"]
-
-
-def tool_mounts(options: Options) -> List[str]:
-    """The programs of the host that `command` names."""
-    mounts = []
-    if options.data_size is not None or options.as_init:
-        mounts += ["--ro-bind", "/usr/bin", "/.host"]
-    if options.wrapper:
-        mounts += ["--ro-bind", executable(options.wrapper[0]), "/.wrapper"]
-    if options.emulator:
-        mounts += ["--ro-bind", executable(str(options.emulator)), "/qemu"]
-    return mounts
-
-
-def command(program: str, arguments: Sequence[str], options: Options) -> List[str]:
-    """What is started in the sandbox."""
+def command(program: str, arguments: Sequence[str], options: Options) -> Tuple[Dict[str, str], List[str]]:
+    """Places in the sandbox with the programs of the host that belong there, and what is started."""
+    tools: Dict[str, str] = {}
     started = [program, *arguments]
-    if options.emulator and program == phone.DAEMON:
-        started = ["/qemu", *started]
+    if options.emulator:
+        tools["/qemu"] = executable(str(options.emulator))
+        started = ["/qemu"] * (program == phone.DAEMON) + started
     if options.wrapper:
+        tools["/.wrapper"] = executable(options.wrapper[0])
         started = ["/.wrapper", *options.wrapper[1:], *started]
     if options.as_init and os.geteuid() == 0:
         started = [*AS_INIT, *started]
     if options.data_size is not None:
         started = [phone.SHELL, "-c", WITH_SMALL_DATA, "sh", *started]
-    return started
+    return tools, started
 
 
 def daemon_of(options: Options) -> str:

@@ -34,10 +34,11 @@ class State:
 
 
 def read_state(folder: Path) -> State:
+    dumps, fulldumps = (entries(on_device(folder, path)) for path in (phone.DUMPLOG, phone.FULLDUMPLOG))
     return State(
         device.read_partitions(folder),
-        {entry.name for entry in entries(on_device(folder, phone.DUMPLOG)) if entry.is_dir()},
-        {entry.name for entry in entries(on_device(folder, phone.FULLDUMPLOG))},
+        {entry.name for entry in dumps if entry.is_dir()},
+        {entry.name for entry in fulldumps},
         content(on_device(folder, phone.HISTORY)),
     )
 
@@ -96,14 +97,13 @@ class Boot:
         return ["broken promise: " + promise for promise in self.broken_promises()]
 
     def broken_promises(self) -> Iterator[str]:
-        if self.run.timed_out:
-            yield "the daemon ended within its time limit"
-        if self.run.status != self.expect.status:
-            yield f"exit status {self.expect.status}, found {self.run.status}"
-        if self.after.partitions.keys() != self.before.partitions.keys():
-            yield "the daemon makes and removes no partition"
-        for name in self.after.partitions.keys() & self.before.partitions.keys():
-            yield from differing_byte(name, self.expected_image(name), self.after.partitions[name])
+        before, after = self.before.partitions, self.after.partitions
+        yield from unless(not self.run.timed_out, "the daemon ended within its time limit")
+        wanted, found = self.expect.status, self.run.status
+        yield from unless(found == wanted, f"exit status {wanted}, found {found}")
+        yield from unless(after.keys() == before.keys(), "the daemon makes and removes no partition")
+        for name, expected in self.expected_images().items():
+            yield from differing_byte(name, expected, after.get(name, expected))
         yield from self.broken_dump_folder()
         yield from self.broken_fulldump()
         yield from self.broken_history()
@@ -114,20 +114,18 @@ class Boot:
     def region_before(self, region: records.Region) -> bytes:
         return self.before.partitions.get(region.partition, Image(0)).read(region.offset, region.size)
 
-    def expected_image(self, name: str) -> Image:
-        """The partition before the run with the bytes that the scenario lets it change."""
-        image = Image(self.before.partitions[name].size, dict(self.before.partitions[name].blocks))
-        if name == records.RAWDUMP:
-            image.put(records.REASON_REGION.offset, self.expect.reason_header)
-        elif name == records.BOOTFAIL:
-            image.put(records.META_REGION.offset, self.expect.meta)
+    def expected_images(self) -> Dict[str, Image]:
+        """The partitions before the run with the bytes that the scenario lets it change."""
+        images = {name: Image(image.size, dict(image.blocks)) for name, image in self.before.partitions.items()}
+        device.put(images, records.RAWDUMP, records.REASON_REGION.offset, self.expect.reason_header)
+        device.put(images, records.BOOTFAIL, records.META_REGION.offset, self.expect.meta)
         dumps = {"minidump": (records.RAWDUMP, self.scenario.minidump)}
         if self.scenario.fulldump:
             dumps["fulldump"] = (records.USERDATA, self.scenario.fulldump)
-        for kind, (partition, dump) in dumps.items():
-            if partition == name and kind in self.expect.cleared:
-                image.put(dump.offset, bytes(len(dump.header)))
-        return image
+        for kind in dumps.keys() & set(self.expect.cleared):
+            partition, dump = dumps[kind]
+            device.put(images, partition, dump.offset, bytes(len(dump.header)))
+        return images
 
     def broken_dump_folder(self) -> Iterator[str]:
         added = self.after.dumps - self.before.dumps
@@ -137,77 +135,71 @@ class Boot:
         elif added:
             folder = on_device(self.folder, phone.DUMPLOG) / added.pop()
             names = sorted(entry.name for entry in folder.iterdir())
-            if folder.name != self.time:
-                yield "the dump folder is named by the run's time"
-            if names != self.expect.collected:
-                yield f"dump folder with {wanted}; found {' '.join(names) or 'nothing'}"
+            yield from unless(folder.name == self.time, "the dump folder is named by the run's time")
+            found = " ".join(names) or "nothing"
+            yield from unless(names == self.expect.collected, f"dump folder with {wanted}; found {found}")
             for name in names:
                 yield from self.broken_file(folder / name)
 
     def broken_file(self, file: Path) -> Iterator[str]:
         if file.name in records.LOG_REGIONS:
-            if content(file) != phone.strings(self.region_before(records.LOG_REGIONS[file.name])):
-                yield f"{file.name} holds the text of its region"
+            text = phone.strings(self.region_before(records.LOG_REGIONS[file.name]))
+            yield from unless(content(file) == text, f"{file.name} holds the text of its region")
         elif file.name == phone.RAWDUMP_NAME:
             try:
-                if gzip.decompress(content(file)) != self.region_before(records.MINIDUMP_REGION):
-                    yield f"{file.name} unpacks to the minidump region"
+                whole = gzip.decompress(content(file)) == self.region_before(records.MINIDUMP_REGION)
+                yield from unless(whole, f"{file.name} unpacks to the minidump region")
             except (EOFError, OSError, zlib.error) as error:
                 yield f"{file.name} is a whole gzip file; found: {error}"
 
     def broken_fulldump(self) -> Iterator[str]:
         added = [name for name in self.after.fulldumps - self.before.fulldumps if phone.FULLDUMP_NAME in name]
-        if self.expect.fulldump != bool(added):
-            yield "a full dump is collected" if self.expect.fulldump else "no full dump is collected"
-        dump = self.scenario.fulldump
-        if not added or not dump:
-            return
-        if phone.DONE_NAME not in self.after.fulldumps:
-            yield "the full dump is closed by its marker"
-        rest = -dump.size % records.COPY_CHUNK if dump.size >= records.COPY_CHUNK else 0
-        file = on_device(self.folder, phone.FULLDUMPLOG) / added[0]
-        if content(file) != self.region_before(records.Region(records.USERDATA, dump.offset, dump.size + rest)):
-            yield "the full dump holds the bytes of userdata"
+        wanted, dump = self.expect.fulldump, self.scenario.fulldump
+        yield from unless(wanted == bool(added), f"{'a' if wanted else 'no'} full dump is collected")
+        if added and dump:
+            yield from unless(phone.DONE_NAME in self.after.fulldumps, "the full dump is closed by its marker")
+            rest = -dump.size % records.COPY_CHUNK if dump.size >= records.COPY_CHUNK else 0
+            copied = self.region_before(records.Region(records.USERDATA, dump.offset, dump.size + rest))
+            found = content(on_device(self.folder, phone.FULLDUMPLOG) / added[0])
+            yield from unless(found == copied, "the full dump holds the bytes of userdata")
 
     def broken_history(self) -> Iterator[str]:
         wanted = self.expect.history
-        expected = b"" if wanted and wanted.renewed else self.before.history
+        expected = "" if wanted and wanted.renewed else as_text(self.before.history)
         if wanted:
-            expected += phone.history_line(wanted.reason, self.time, wanted.category).encode("utf-8")
-        yield from differing_line("the history", as_text(expected), as_text(self.after.history))
+            expected += phone.history_line(wanted.reason, self.time, wanted.category)
+        yield from differing_line("the history", expected, as_text(self.after.history))
 
     def broken_log(self) -> Iterator[str]:
-        if self.scenario.golden.exists():
-            golden = as_text(content(self.scenario.golden))
-            yield from differing_line("the log", golden, self.masked_log())
+        golden, log = self.scenario.golden, self.run.log
+        if golden.exists():
+            yield from differing_line("the log", as_text(content(golden)), self.masked_log())
         elif self.scenario.is_shipped:
-            yield f"the log of {self.scenario.golden}; vortadev check --update {self.scenario.name} writes it"
+            yield f"the log of {golden}; vortadev check --update {self.scenario.name} writes it"
         for text in self.expect.log:
-            if text not in self.run.log:
-                yield f"a log line with: {printable(text)}"
+            yield from unless(text in log, f"a log line with: {printable(text)}")
         for text in self.expect.not_log:
-            if text in self.run.log:
-                yield f"no log line with: {printable(text)}"
+            yield from unless(text not in log, f"no log line with: {printable(text)}")
 
     def broken_output(self) -> Iterator[str]:
         """The daemon echoes each message to standard error, where a line feed at its end makes an empty line."""
         echo = "".join(f"[vorta] {line.partition(': ')[2]}\n" for line in self.run.log.split("\n")[:-1])
-        err = as_text(self.run.err)
+        err, out = as_text(self.run.err), self.run.out
         if self.echoes:
             yield from differing_line("standard error", echo.replace("\\n", "\n"), err.replace("\n\n", "\n"))
-        if self.run.out != OUTPUT:
-            yield f"standard output {OUTPUT!r}, found {self.run.out!r}"
+        yield from unless(out == OUTPUT, f"standard output {OUTPUT!r}, found {out!r}")
 
     def broken_files(self) -> Iterator[str]:
-        for path in self.expect.present:
-            if not os.path.lexists(self.folder / "data" / path):
-                yield f"/data/{path} is there"
-        for path in self.expect.gone:
-            if os.path.lexists(self.folder / "data" / path):
-                yield f"/data/{path} is gone"
+        for paths, wanted, what in ((self.expect.present, True, "there"), (self.expect.gone, False, "gone")):
+            for path in paths:
+                yield from unless(os.path.lexists(self.folder / "data" / path) == wanted, f"/data/{path} is {what}")
         expected = "".join(event + "\n" for event in self.expect.factory_events)
         found = content(on_device(self.folder, device.FACTORY_EVENTS))
         yield from differing_line("the factory events", expected, as_text(found))
+
+
+def unless(holds: bool, promise: str) -> List[str]:
+    return [] if holds else [promise]
 
 
 def content(file: Path) -> bytes:

@@ -14,7 +14,7 @@ import sys
 from typing import Any, List, NoReturn, Optional, Sequence
 
 from . import __version__, device, phone, reading, records, scenario, show
-from .document import Document, Node, read_json
+from .document import read_document, read_json
 from .errors import DeviceError, printable
 from .options import add_run_options, number, run_options
 
@@ -36,8 +36,7 @@ def run(arguments: argparse.Namespace) -> int:
         runs = phone.SERVICES
     elif arguments.behind is None and device.is_device(arguments.device):
         file = arguments.device / device.SCENARIO_FILE
-        document = Document(read_json(file), file)
-        runs = [Node(document, document.value)["run"]["arguments"].texts(phone.RAINBOW)]
+        runs = [read_document(read_json(file), file)["run"]["arguments"].texts(phone.RAINBOW)]
     statuses = [run_program(phone.DAEMON, arguments, behind) for behind in runs]
     return next(filter(None, statuses), 0)
 
@@ -86,13 +85,13 @@ def check(arguments: argparse.Namespace) -> int:
     require_linux()
     import tempfile  # pylint: disable=import-outside-toplevel
 
-    from . import check as checks, process  # pylint: disable=import-outside-toplevel
+    from . import check as checks, signals  # pylint: disable=import-outside-toplevel
 
     look, status = checks.update if arguments.update else checks.check, 0
     for name in arguments.names or scenario.shipped():
         wanted = scenario.load(name)
         # Until the scratch folder is gone, signals wait.
-        with process.held_signals(), tempfile.TemporaryDirectory(prefix="vortadev-") as scratch:
+        with signals.HeldSignals(), tempfile.TemporaryDirectory(prefix="vortadev-") as scratch:
             broken = look(wanted, Path(scratch, "device"), run_options(arguments))
         lines = [f"{name:<22} {'BROKEN' if broken else 'as promised'}", *(f"  {printable(line)}" for line in broken)]
         say("\n".join(lines) + "\n")

@@ -27,7 +27,16 @@ FACTORY_EVENTS = "/data/vendor/factory/events.txt"  # what the device's factory 
 
 FACTORY_LIBRARIES = Path(__file__).resolve().parents[1] / "build/host"
 FACTORY_NAMES = {"present": "lib_factory_interface.so", "withoutSymbol": "lib_factory_without_symbol.so"}
-TOOLS = ("cat", "strings", "ls", "head", "tail", "xxd", "stat")  # links to toybox
+TOYBOX = "/system/bin/toybox"
+TOOLS = ("cat", "strings", "ls", "head", "tail", "xxd", "stat")
+# The leak checker of a sanitizer build looks at its own threads; the sandbox keeps the real /proc aside for it. The
+# daemon is one of the first processes there.
+PROCESSES = ("self", *"23456789")
+LINKS = {
+    "/bin": "system/bin",
+    **{f"/system/bin/{name}": "toybox" for name in TOOLS},
+    **{f"/proc/{name}": f"/.proc/{name}" for name in PROCESSES},
+}
 
 BLOCK = 4096
 CHUNK = 256 * BLOCK
@@ -61,6 +70,11 @@ class Image:
                 self.blocks.pop(at, None)
 
 
+def put(images: Dict[str, Image], partition: str, offset: int, data: bytes) -> None:
+    if partition in images:
+        images[partition].put(offset, data)
+
+
 def on_device(folder: Path, phone_path: str) -> Path:
     """The place of an absolute path of the phone."""
     return folder / phone_path[1:]
@@ -86,9 +100,6 @@ def read_image(path: Path) -> Image:
 
 def extents(file: int, size: int) -> Iterator[Tuple[int, int]]:
     """Where the file has data, as far as the system tells."""
-    if not hasattr(os, "SEEK_DATA"):
-        yield 0, size
-        return
     end = 0
     while end < size:
         try:
@@ -107,17 +118,18 @@ def read_partitions(folder: Path) -> Dict[str, Image]:
 def create(folder: Path, scenario: Scenario, force: bool = False) -> None:
     """The folder may be missing or empty, or with `force` an earlier device, which is removed first; any other folder
     is refused. As root the log folders belong to 0:1000, as on a phone, otherwise to the caller."""
-    host_programs = {name: host_program(name) for name in ("mksh", "toybox")}
-    factory_library(scenario.factory_library)  # complains before anything is made
+    programs = programs_of(scenario)  # complains before anything is made
     mask = os.umask(0o022)
     try:
         make_room(folder, force)
-        on_device(folder, phone.BLOCK_FOLDER).mkdir(parents=True)
-        (folder / SCENARIO_FILE).write_text(scenario.source, "utf-8")
         make_partitions(folder, scenario)
-        make_proc(folder, scenario)
-        make_system(folder, host_programs["mksh"], host_programs["toybox"])
-        make_vendor(folder, scenario)
+        for path, data in files_of(scenario).items():
+            write(folder, path, data)
+        for path, program in programs.items():
+            on_device(folder, path).parent.mkdir(parents=True, exist_ok=True)
+            shutil.copy(program, on_device(folder, path))
+        for path, target in LINKS.items():
+            on_device(folder, path).symlink_to(target)
         make_data(folder, scenario)
     except OSError as error:
         raise DeviceError(f"cannot make {printable(str(error.filename or folder))}: {error.strerror}") from None
@@ -125,19 +137,36 @@ def create(folder: Path, scenario: Scenario, force: bool = False) -> None:
         os.umask(mask)
 
 
-def host_program(name: str) -> str:
+def programs_of(scenario: Scenario) -> Dict[str, Path]:
+    """What is copied from the host, by its place."""
+    programs = {phone.SHELL: host_program("mksh"), TOYBOX: host_program("toybox")}
+    if scenario.factory_library:
+        library = FACTORY_LIBRARIES / FACTORY_NAMES[scenario.factory_library]
+        if not library.exists():
+            raise DeviceError(f"{library} is missing; cmake --preset host && cmake --build --preset host makes it")
+        programs[phone.FACTORY_LIBRARY] = library
+    return programs
+
+
+def host_program(name: str) -> Path:
     """A program that the device gets from the host; it is called as the Debian package that brings it."""
     program = shutil.which(name, path=os.environ.get("PATH", "") + ":/usr/bin:/bin")
     if program is None:
         raise DeviceError(f"{name} is missing on this machine; install the package {name} (needs Linux)")
-    return program
+    return Path(program)
 
 
-def factory_library(kind: str) -> Path:
-    library = FACTORY_LIBRARIES / FACTORY_NAMES.get(kind, "")
-    if not library.exists() and kind:
-        raise DeviceError(f"{library} is missing; cmake --preset host && cmake --build --preset host makes it")
-    return library
+def files_of(scenario: Scenario) -> Dict[str, bytes]:
+    properties = "".join(f"{name}={value}\n" for name, value in scenario.properties.items())
+    files = {
+        "/" + SCENARIO_FILE: scenario.source.encode("utf-8"),
+        phone.CMDLINE: scenario.cmdline,
+        phone.PON_LOG: scenario.pon_log,
+        phone.BOARD_ID: scenario.board_id,
+        phone.BUILD_PROP: properties.encode("utf-8"),
+        phone.DAEMON: b"",
+    }
+    return {path: data for path, data in files.items() if data is not None}
 
 
 def make_room(folder: Path, force: bool) -> None:
@@ -152,16 +181,15 @@ def make_room(folder: Path, force: bool) -> None:
 
 def make_partitions(folder: Path, scenario: Scenario) -> None:
     images = {name: Image(size) for name, size in scenario.partitions.items() if size is not None}
-    missing = Image(0)  # takes nothing
     for name, fill in scenario.logs.items():
         region = records.LOG_REGIONS[name]
-        images.get(region.partition, missing).put(region.offset, render(fill, name))
-    rawdump = images.get(records.RAWDUMP, missing)
-    rawdump.put(scenario.minidump.offset, scenario.minidump.render())
-    rawdump.put(records.REASON_REGION.offset, scenario.reason_header)
-    images.get(records.BOOTFAIL, missing).put(records.META_REGION.offset, scenario.meta)
+        put(images, region.partition, region.offset, render(fill, name))
+    put(images, records.RAWDUMP, scenario.minidump.offset, scenario.minidump.render())
+    put(images, records.RAWDUMP, records.REASON_REGION.offset, scenario.reason_header)
+    put(images, records.BOOTFAIL, records.META_REGION.offset, scenario.meta)
     if scenario.fulldump:
-        images.get(records.USERDATA, missing).put(scenario.fulldump.offset, scenario.fulldump.render())
+        put(images, records.USERDATA, scenario.fulldump.offset, scenario.fulldump.render())
+    on_device(folder, phone.BLOCK_FOLDER).mkdir(parents=True)
     for name, image in images.items():
         write_image(partition_path(folder, name), image)
 
@@ -180,43 +208,13 @@ def write(folder: Path, phone_path: str, data: bytes) -> None:
     path.write_bytes(data)
 
 
-def make_proc(folder: Path, scenario: Scenario) -> None:
-    write(folder, phone.CMDLINE, scenario.cmdline)
-    if scenario.pon_log is not None:
-        write(folder, phone.PON_LOG, scenario.pon_log)
-    if scenario.board_id is not None:
-        write(folder, phone.BOARD_ID, scenario.board_id)
-    # The leak checker of a sanitizer build looks at its own threads; the sandbox keeps the real /proc aside for it.
-    # The daemon is one of the first processes there.
-    for name in ("self", *"23456789"):
-        (folder / "proc" / name).symlink_to(f"/.proc/{name}")
-
-
-def make_system(folder: Path, shell: str, toybox: str) -> None:
-    tools = folder / "system/bin"
-    tools.mkdir(parents=True)
-    shutil.copy(shell, on_device(folder, phone.SHELL))
-    shutil.copy(toybox, tools / "toybox")
-    for name in TOOLS:
-        (tools / name).symlink_to("toybox")
-    (folder / "bin").symlink_to("system/bin")
-
-
-def make_vendor(folder: Path, scenario: Scenario) -> None:
-    properties = "".join(f"{name}={value}\n" for name, value in scenario.properties.items())
-    write(folder, phone.BUILD_PROP, properties.encode("utf-8"))
-    write(folder, phone.DAEMON, b"")
-    library = on_device(folder, phone.FACTORY_LIBRARY)
-    library.parent.mkdir()
-    if scenario.factory_library:
-        shutil.copy(factory_library(scenario.factory_library), library)
-        on_device(folder, FACTORY_EVENTS).parent.mkdir(parents=True)
-
-
 def make_data(folder: Path, scenario: Scenario) -> None:
     roots = [on_device(folder, path) for path in (phone.DUMPLOG, phone.FULLDUMPLOG, phone.RELIABILITY)]
-    for root in roots:
-        root.mkdir(parents=True, exist_ok=True)
+    folders = [folder / "data" / entry.path for entry in scenario.data if entry.fill is None and entry.target is None]
+    if scenario.factory_library:
+        folders.append(on_device(folder, FACTORY_EVENTS).parent)
+    for path in [*roots, *folders, on_device(folder, phone.FACTORY_LIBRARY).parent]:
+        path.mkdir(parents=True, exist_ok=True)
     # Links come last: nothing is written through one.
     for entry in sorted(scenario.data, key=lambda entry: entry.target is not None):
         path = folder / "data" / entry.path
@@ -225,8 +223,6 @@ def make_data(folder: Path, scenario: Scenario) -> None:
         elif entry.target is not None:
             path.parent.mkdir(parents=True, exist_ok=True)
             path.symlink_to(entry.target)
-        else:
-            path.mkdir(parents=True, exist_ok=True)
     for root in roots:
         root.chmod(phone.ROOT_FOLDER_MODE)
         if os.geteuid() == 0:

@@ -3,10 +3,12 @@ has to edit, the key and what was expected."""
 
 from __future__ import annotations
 
+from dataclasses import field, fields
+import functools
 import json
 from pathlib import Path
 import re
-from typing import Any, List, NoReturn, Optional, Sequence, Tuple
+from typing import Any, Callable, List, NoReturn, Optional, Sequence, Tuple, Type, TypeVar
 
 from .errors import DeviceError, printable
 
@@ -17,6 +19,7 @@ SHIFTS = {"": 0, "B": 0, "KiB": 10, "MiB": 20, "GiB": 30}
 # Where null says that the phone does not have it; elsewhere it takes a key of the base away.
 NULL_IS_A_VALUE = re.compile(r"ponLog|boardId|partitions\.[^.]*")
 MISSING = object()
+T = TypeVar("T")
 
 
 def parse_size(text: str) -> Optional[int]:
@@ -47,9 +50,25 @@ def read_json(file: Path) -> Any:
         raise DeviceError(f"{file}: expected JSON; {printable(str(error))}") from None
 
 
-def shown(value: Any) -> str:
-    text = json.dumps(value, ensure_ascii=False, separators=(",", ":"))
-    return printable(text if len(text) <= 40 else text[:40] + "...")
+def read_document(value: Any, file: Path) -> Node:
+    """The value of a file, merged over those of the files that it builds on."""
+    sources = [(file, value)]
+    root = Node(sources, value)
+    while root.members() and root["base"]:
+        sources.append(read_base(root["base"], [file for file, _ in sources]))
+        root = Node(sources[-1:], sources[-1][1])
+    value = functools.reduce(merged, [value for _, value in reversed(sources)])
+    value.pop("base", None)
+    return Node(sources, value)
+
+
+def read_base(name: Node, files: Sequence[Path]) -> Tuple[Path, Any]:
+    path = locate(name.value, files[-1].parent) if isinstance(name.value, str) else None
+    if path is None or not path.is_file():
+        name.expected("the name of a shipped scenario or a .json file beside this one")
+    if path.resolve() in [file.resolve() for file in files]:
+        name.expected("a scenario that does not build on this one")
+    return path, read_json(path)
 
 
 def merged(base: Any, patch: Any, key: str = "") -> Any:
@@ -66,43 +85,17 @@ def merged(base: Any, patch: Any, key: str = "") -> Any:
     return result
 
 
-class Document:
-    """A file's value merged over those of the files that it builds on."""
+def keyed(read: Callable[[Node], Any]) -> Any:
+    """A field of a dataclass that is read from the key of its name: `not_log` from "notLog"."""
+    return field(metadata={"read": read})
 
-    def __init__(self, value: Any, file: Path) -> None:
-        self.sources = [(file, value)]  # the file itself first
-        while "base" in self._last_object():
-            self._add_base()
-        self.value = self.sources[-1][1]
-        for _, patch in reversed(self.sources[:-1]):
-            self.value = merged(self.value, patch)
-        self.value.pop("base", None)
 
-    def _last_object(self) -> Any:
-        file, value = self.sources[-1]
-        if not isinstance(value, dict):
-            raise DeviceError(f"{file}: expected an object, found {shown(value)}")
-        return value
-
-    def _add_base(self) -> None:
-        file, value = self.sources[-1]
-        name = value["base"]
-        path = locate(name, file.parent) if isinstance(name, str) else None
-        if path is None or not path.is_file():
-            what = "the name of a shipped scenario or a .json file beside this one"
-        elif path.resolve() in [source.resolve() for source, _ in self.sources]:
-            what = "a scenario that does not build on this one"
-        else:
-            self.sources.append((path, read_json(path)))
-            return
-        raise DeviceError(f"{file}: base: expected {what}, found {shown(name)}")
-
-    def file_of(self, path: Sequence[str]) -> Path:
-        """The file that a value comes from."""
-        for file, value in self.sources:
-            if holds(value, path):
-                return file
-        return self.sources[0][0]
+def read_object(kind: Any, node: Node, other_keys: Sequence[str] = (), **others: Any) -> Any:
+    """An object of a dataclass that has such fields; the values of its other ones are given."""
+    readers = {field.name: field.metadata["read"] for field in fields(kind) if field.name not in others}
+    keys = {name: re.sub("_(.)", lambda found: found[1].upper(), name) for name in readers}
+    node.members([*other_keys, *keys.values()])
+    return kind(**others, **{name: read(node[keys[name]]) for name, read in readers.items()})
 
 
 def holds(value: Any, path: Sequence[str]) -> bool:
@@ -115,83 +108,87 @@ def holds(value: Any, path: Sequence[str]) -> bool:
     return True
 
 
+def is_whole(value: Any, largest: int = LARGEST) -> bool:
+    return isinstance(value, int) and not isinstance(value, bool) and 0 <= value <= largest
+
+
 class Node:
     """A value and its place. A member that is not there is a node as well: it is false, and reading it gives nothing,
     or the default that the caller names."""
 
-    def __init__(self, document: Document, value: Any, path: Tuple[str, ...] = ()) -> None:
-        self.document = document
+    def __init__(self, sources: Sequence[Tuple[Path, Any]], value: Any, path: Sequence[str] = (), root: Any = None):
+        self.sources = sources  # the files with what they say, those that are built on last
         self.value = value
         self.path = path
+        self.root = value if root is None else root  # the value of the whole document
 
     def __bool__(self) -> bool:
         return self.value is not MISSING
 
+    def __getitem__(self, key: str) -> Node:
+        value = self.value.get(key, MISSING) if isinstance(self.value, dict) else MISSING
+        return Node(self.sources, value, (*self.path, key), self.root)
+
+    def beside(self, key: str) -> Node:
+        """A member of the whole document."""
+        return Node(self.sources, self.root)[key]
+
     def file(self) -> Path:
-        return self.document.file_of(self.path)
+        """The file that the value comes from."""
+        return next((file for file, value in self.sources if holds(value, self.path)), self.sources[0][0])
 
     def fail(self, text: str) -> NoReturn:
         key = printable(".".join(self.path))
         raise DeviceError(f"{self.file()}: {key}: {text}" if key else f"{self.file()}: {text}")
 
     def expected(self, what: str) -> NoReturn:
-        self.fail(f"expected {what}, found {shown(self.value)}")
+        found = json.dumps(self.value, ensure_ascii=False, separators=(",", ":"))
+        self.fail(f"expected {what}, found {printable(found if len(found) <= 40 else found[:40] + '...')}")
 
-    def require_keys(self, keys: Sequence[str]) -> None:
-        """It is an object whose keys are all among those given; or missing."""
-        for key, member in self.items():
-            if key not in keys:
-                place = printable(".".join(self.path)) + ": " if self.path else ""
-                text = f'unknown key "{printable(key)}"; expected one of: {", ".join(keys)}'
-                raise DeviceError(f"{member.file()}: {place}{text}")
+    def require(self, condition: bool, what: str) -> None:
+        if not condition:
+            self.expected(what)
 
-    def __getitem__(self, key: str) -> Node:
-        value = self.value.get(key, MISSING) if isinstance(self.value, dict) else MISSING
-        return Node(self.document, value, self.path + (key,))
+    def of_type(self, kind: Type[T], what: str, missing: T) -> T:
+        if not self:
+            return missing
+        if not isinstance(self.value, kind):
+            self.expected(what)
+        return self.value
 
-    def items(self) -> List[Tuple[str, Node]]:
-        if self and not isinstance(self.value, dict):
-            self.expected("an object")
-        return [(key, self[key]) for key in self.value] if self else []
+    def members(self, keys: Optional[Sequence[str]] = None) -> List[Tuple[str, Node]]:
+        """Of an object, whose keys are all among those given, or of one that is missing."""
+        found = [(key, self[key]) for key in self.of_type(dict, "an object", {})]
+        for key, member in found:
+            if keys is not None and key not in keys:
+                member.fail(f"unknown key; expected one of: {', '.join(keys)}")
+        return found
 
-    def elements(self) -> List[Node]:
-        return [Node(self.document, value, self.path + (str(at),)) for at, value in enumerate(self.value)]
+    def elements(self, what: str = "a list") -> List[Node]:
+        values: List[Any] = self.of_type(list, what, [])
+        return [Node(self.sources, value, (*self.path, str(at)), self.root) for at, value in enumerate(values)]
 
     def text(self) -> str:
-        if self and not isinstance(self.value, str):
-            self.expected("a text")
-        return str(self.value) if self else ""
+        return self.of_type(str, "a text", "")
+
+    def texts(self, missing: Sequence[str] = ()) -> List[str]:
+        return [element.text() for element in self.elements("a list of texts")] if self else list(missing)
+
+    def text_or_lines(self) -> bytes:
+        """The text itself, or a list of lines, each of which gets a line feed."""
+        self.require(isinstance(self.value, (str, list)), "a text or a list of lines")
+        text = self.value if isinstance(self.value, str) else "".join(line + "\n" for line in self.texts())
+        return text.encode("utf-8")
 
     def boolean(self) -> bool:
-        if self and not isinstance(self.value, bool):
-            self.expected("true or false")
-        return bool(self.value) if self else False
-
-    def is_number(self, largest: int = LARGEST) -> bool:
-        return isinstance(self.value, int) and not isinstance(self.value, bool) and 0 <= self.value <= largest
+        return self.of_type(bool, "true or false", False)
 
     def number(self, missing: int = 0, largest: int = LARGEST) -> int:
-        if self and not self.is_number(largest):
-            self.expected(f"a whole number from 0 to {largest}")
+        self.require(not self or is_whole(self.value, largest), f"a whole number from 0 to {largest}")
         return int(self.value) if self else missing
 
     def size(self, missing: int = 0) -> int:
         """Of a number of bytes, or a text like "64MiB"."""
-        if not self or self.is_number():
-            return self.number(missing)
-        size = parse_size(self.value) if isinstance(self.value, str) else None
-        if size is None:
-            self.expected('a number of bytes or a size like "64MiB"')
-        return size
-
-    def texts(self, missing: Sequence[str] = ()) -> List[str]:
-        if self and not isinstance(self.value, list):
-            self.expected("a list of texts")
-        return [element.text() for element in self.elements()] if self else list(missing)
-
-    def text_or_lines(self) -> bytes:
-        """The text itself, or a list of lines, each of which gets a line feed."""
-        if not isinstance(self.value, (str, list)):
-            self.expected("a text or a list of lines")
-        text = self.value if isinstance(self.value, str) else "".join(line + "\n" for line in self.texts())
-        return text.encode("utf-8")
+        size = parse_size(self.value) if isinstance(self.value, str) else self.value
+        self.require(not self or is_whole(size), 'a number of bytes or a size like "64MiB"')
+        return int(size) if self and size is not None else missing

@@ -2,45 +2,29 @@
 
 from __future__ import annotations
 
-import errno
-import fcntl
 import os
 from pathlib import Path
-import struct
+import subprocess
 from typing import Tuple
 
-from .errors import DeviceError
+from .errors import DeviceError, printable
 
-LOOP_CTL_GET_FREE, LOOP_CONFIGURE = 0x4C82, 0x4C0A
-LO_FLAGS_AUTOCLEAR = 4
-LOOP_CONFIG = struct.Struct("=I 56x I 240x")  # struct loop_config: the file's descriptor, info.lo_flags
-ATTEMPTS = 20
+LOSETUP = "/sbin/losetup"  # a folder that is not in every PATH
 
 
 def attach(file: Path) -> Tuple[str, int]:
     """The path of the device and a descriptor. The kernel detaches it when the last descriptor is closed, so that not
     even a killed process leaves one behind."""
-    backing = os.open(file, os.O_RDWR)
+    path = losetup("--find", "--show", str(file))
     try:
-        # Between asking for a free device and taking it another process may take the same one.
-        for _ in range(ATTEMPTS):
-            path = f"/dev/loop{free_number()}"
-            device = os.open(path, os.O_RDWR)
-            try:
-                fcntl.ioctl(device, LOOP_CONFIGURE, LOOP_CONFIG.pack(backing, LO_FLAGS_AUTOCLEAR))
-                return path, device
-            except OSError as error:
-                os.close(device)
-                if error.errno != errno.EBUSY:
-                    raise
-        raise DeviceError(f"no loop device can be had for {file}: others take each free one")
+        return path, os.open(path, os.O_RDWR)
     finally:
-        os.close(backing)
+        losetup("--detach", path)  # of a device in use the kernel only takes note
 
 
-def free_number() -> int:
-    control = os.open("/dev/loop-control", os.O_RDWR)
-    try:
-        return fcntl.ioctl(control, LOOP_CTL_GET_FREE)
-    finally:
-        os.close(control)
+def losetup(*arguments: str) -> str:
+    # In a session of its own, as a Ctrl-C in the middle would leave a device behind.
+    ended = subprocess.run([LOSETUP, *arguments], capture_output=True, text=True, check=False, start_new_session=True)
+    if ended.returncode != 0:
+        raise DeviceError(f"no loop device can be had: {printable(ended.stderr.strip())}")
+    return ended.stdout.strip()

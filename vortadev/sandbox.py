@@ -6,20 +6,19 @@ from __future__ import annotations
 from contextlib import ExitStack, suppress
 from dataclasses import dataclass
 import fcntl
-import functools
 import os
 from pathlib import Path
 import re
 import shutil
 import signal
 import subprocess
-from typing import Dict, List, Optional, Sequence, Union
+from typing import Dict, Iterator, List, Optional, Sequence
 
 from . import bubblewrap, device as devices, loop, phone, records
 from .bubblewrap import Options
 from .errors import DeviceError, printable, size_text
-from .logsocket import LogSocket
-from .process import Ending, Source, held_signals, read_into, supervise
+from .logsocket import kept_log
+from .signals import HeldSignals
 
 __all__ = ["Options", "Run", "run"]
 
@@ -53,15 +52,16 @@ def run(
     folder = device.absolute()
     require_runnable(folder, options)
     # Signals outermost, so that one is raised when all else is put back.
-    with held_signals() as signals, ExitStack() as stack:
-        stack.callback(os.close, lock(folder))
-        log = LogSocket(folder)
-        stack.callback(log.close)
-        loops = attach_loops(folder, stack) if options.loop else None
+    with HeldSignals() as signals, ExitStack() as stack:
+        descriptor = lock(folder)
+        stack.callback(os.close, descriptor)
+        loops = attach_loops(folder, stack) if options.loop else {}
         if options.data_size is not None:
             make_new_data(folder, stack)
-        sandbox = bubblewrap.command_line(folder, options, log.path, loops)
-        ended = serve([*sandbox, *bubblewrap.command(program, arguments, options)], options, log, signals, capture)
+        command = bubblewrap.command_line(folder, options, loops, program, arguments)
+        with kept_log(folder, descriptor) as lines:
+            ended = serve(command, options, signals, capture)
+        ended.log = b"".join(lines).decode("utf-8", "surrogateescape")
         if options.data_size is not None and not ended.timed_out:
             keep_new_data(folder)
     return ended
@@ -72,27 +72,8 @@ def require_runnable(folder: Path, options: Options) -> None:
         raise DeviceError(f"{folder} is no simulated device; vortadev create makes one")
     if (options.loop or options.drop_caps) and os.geteuid() != 0:
         raise DeviceError("loop devices and dropped capabilities need root")
-    refusal = why_no_sandbox()
-    if refusal:
-        raise DeviceError(refusal)
-
-
-@functools.lru_cache(maxsize=None)
-def why_no_sandbox() -> str:
-    """What forbids sandboxes here; empty if they can be made."""
-    trial = [*bubblewrap.namespaces(), "--ro-bind", "/", "/", "--dev", "/dev", "--proc", "/proc", "/bin/true"]
-    try:
-        ended = subprocess.run(trial, stdin=subprocess.DEVNULL, capture_output=True, check=False)
-    except FileNotFoundError:
-        return "bwrap is missing on this machine; install the package bubblewrap"
-    if ended.returncode == 0:
-        return ""
-    reason = printable(ended.stderr.decode("utf-8", "replace").strip())
-    for name, forbids in HOST_SETTINGS.items():
-        setting = Path("/proc/sys", *name.split("."))
-        if os.geteuid() != 0 and setting.exists() and setting.read_text("ascii").strip() == forbids:
-            reason = f"{name} is {forbids}; {reason}"
-    return f"this machine forbids sandboxes: {reason}"
+    if not shutil.which("bwrap"):
+        raise DeviceError("bwrap is missing on this machine; install the package bubblewrap")
 
 
 def lock(folder: Path) -> int:
@@ -133,60 +114,57 @@ def keep_new_data(folder: Path) -> None:
     shutil.rmtree(old_data)
 
 
-def serve(arguments: List[str], options: Options, log: LogSocket, signals: int, capture: bool) -> Run:
-    """Starts bubblewrap and serves its descriptors to the end."""
-    reader, writer = os.pipe()
-    arguments[1:1] = ["--json-status-fd", str(writer)]
+def serve(command: List[str], options: Options, signals: HeldSignals, capture: bool) -> Run:
+    """Starts bubblewrap and looks after it to its end."""
     pipe, null = (subprocess.PIPE, subprocess.DEVNULL) if capture else (None, None)
     umask = options.umask if options.umask is not None else INIT_UMASK if options.as_init else 0
-    with open(reader, "rb", buffering=0) as status:
-        with subprocess.Popen(
-            arguments, stdin=null, stdout=pipe, stderr=pipe, bufsize=0, umask=umask, pass_fds=[writer]
-        ) as child:
-            os.close(writer)
-            streams = [stream.fileno() if stream else -1 for stream in (status, child.stdout, child.stderr)]
-            texts = [bytearray() for _ in streams]
-            sources = {stream: read_into(text, stream) for stream, text in zip(streams, texts) if stream >= 0}
-            ending = attend(child, texts[0], {**sources, log.fileno(): log.receive}, signals, options.timeout)
-    return result(ending, [bytes(text) for text in texts], options, log)
+    with open(os.memfd_create("status"), "rb", buffering=0) as file:
+        status, timed_out = file.fileno(), False
+        command[1:1] = ["--json-status-fd", str(status)]
+        with subprocess.Popen(command, stdin=null, stdout=pipe, stderr=pipe, umask=umask, pass_fds=[status]) as child:
+            signals.stop = lambda: stop(child, status)
+            try:
+                if signals.came:
+                    stop(child, status)
+                out, err = child.communicate(timeout=options.timeout)
+            except subprocess.TimeoutExpired:
+                timed_out = True
+                stop(child, status)
+                out, err = child.communicate()
+            finally:
+                stop(child, status)
+        if signals.came:
+            raise DeviceError("the run was interrupted")
+        return result(number_told(status, "exit-code"), timed_out, out or b"", err or b"", options)
 
 
-def attend(
-    child: subprocess.Popen[bytes], told: bytearray, sources: Dict[int, Source], signals: int, timeout: Optional[float]
-) -> Ending:
-    """Serves the child until it ends by itself, or ends it."""
-    ending = None
-    try:
-        ending = supervise(child.pid, sources, signals, timeout)
-    finally:
-        if ending is not Ending.ENDED:
-            # With the first process of the sandbox all others in it go; bubblewrap reports that end.
-            with suppress(ProcessLookupError):
-                os.kill(number_told(told, "child-pid") or child.pid, signal.SIGKILL)
-    child.wait()
-    for source in sources.values():
-        while source():
-            pass
-    return ending
+def stop(child: subprocess.Popen[bytes], status: int) -> None:
+    """With the first process of the sandbox all others in it go; bubblewrap reports that end."""
+    if child.poll() is None:
+        with suppress(ProcessLookupError):
+            os.kill(number_told(status, "child-pid") or child.pid, signal.SIGKILL)
 
 
-def number_told(told: Union[bytes, bytearray], member: str) -> Optional[int]:
+def number_told(status: int, member: str) -> Optional[int]:
     """A number out of what bubblewrap tells about the sandbox: JSON objects."""
-    found = re.search(rf'"{member}": *(\d+)'.encode("ascii"), told)
+    found = re.search(rf'"{member}": *(\d+)'.encode("ascii"), os.pread(status, 4096, 0))
     return int(found[1]) if found else None
 
 
-def result(ending: Ending, texts: List[bytes], options: Options, log: LogSocket) -> Run:
-    told, out, err = texts
-    status = number_told(told, "exit-code")
-    if ending is Ending.SIGNALLED:
-        raise DeviceError("the run was interrupted")
-    if ending is Ending.ENDED and status is None:
-        reason = printable(err.decode("utf-8", "replace").strip())
-        raise DeviceError("bubblewrap could not set up the sandbox" + (f": {reason}" if reason else ""))
-    failure = bubblewrap.DATA_FAILURES.get(status or 0)
-    if options.data_size is not None and failure:
-        raise DeviceError(failure.format(size=size_text(options.data_size)))
-    timed_out = ending is Ending.TIMED_OUT
-    lines = b"".join(log.lines).decode("utf-8", "surrogateescape")
-    return Run(KILLED if timed_out or status is None else status, timed_out, out, err, lines)
+def result(status: Optional[int], timed_out: bool, out: bytes, err: bytes, options: Options) -> Run:
+    if timed_out:
+        return Run(KILLED, True, out, err, "")
+    if status is None:
+        reasons = [*refusals(), printable(err.decode("utf-8", "replace").strip())]
+        raise DeviceError(": ".join(["bubblewrap could not set up the sandbox", *filter(None, reasons)]))
+    if options.data_size is not None and status in bubblewrap.DATA_FAILURES:
+        raise DeviceError(bubblewrap.DATA_FAILURES[status].format(size=size_text(options.data_size)))
+    return Run(status, False, out, err, "")
+
+
+def refusals() -> Iterator[str]:
+    """The settings of this machine that forbid sandboxes."""
+    for name, forbids in HOST_SETTINGS.items():
+        setting = Path("/proc/sys", *name.split("."))
+        if os.geteuid() != 0 and setting.exists() and setting.read_text("ascii").strip() == forbids:
+            yield f"this machine forbids sandboxes: {name} is {forbids}"

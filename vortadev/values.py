@@ -1,44 +1,41 @@
-"""What the values of a scenario stand for: fills, bytes, records. `seed` is the scenario's own, used where a fill has
-none."""
+"""What the values of a scenario stand for: fills, bytes, records. A fill without a seed has the scenario's."""
 
 from __future__ import annotations
 
 import re
-from typing import Sequence, Union
+from typing import Optional, Sequence, Union
 
 from . import content, records
 from .content import Fill
-from .document import LARGEST, Node
+from .document import Node, is_whole
 from .records import Field, Kind, Record
 
 FILE_LIMIT = 1 << 30  # bytes of a file; also the mark of a range that has no size of its own
+BOARD_ID = bytes((0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 5))  # where a scenario names none
 FILL_KEYS = ("phone", "zeros", "random", "text", "file", "size", "full")
 
 
 def fill_kind(node: Node) -> str:
     """The key that says what fills, or what stands for it; several of them make a kind that is not known. What a
     scenario does not name at all is filled as a phone does."""
-    if not isinstance(node.value, str):
-        node.require_keys(FILL_KEYS)
-        return "".join(key for key, _ in node.items() if key not in ("size", "full")) if node else "phone"
-    return node.value
+    if isinstance(node.value, str):
+        return node.value
+    return "".join(key for key, _ in node.members(FILL_KEYS) if key not in ("size", "full")) if node else "phone"
 
 
-def read_fill(node: Node, name: str, limit: int, seed: int) -> Fill:
-    """`name` selects the phone content, `limit` is the size of the range in bytes."""
+def read_fill(node: Node, name: str, limit: int, variation: int = 0) -> Fill:
+    """`name` selects the phone content, `limit` is the size of the range in bytes. Variations of a seed differ."""
+    seed = node.beside("seed").number(1) + variation
     kind = fill_kind(node)
-    value = node[kind]
-    data = b""
+    value, data = node[kind], b""
     if kind == "phone":
         if not content.is_known(name):
             node.fail(f'no phone content is known for "{name}"; expected text, file, zeros or random')
         data = value.text_or_lines() if isinstance(value.value, list) else b""
     elif kind == "random":
         seed = value.number(seed)
-    elif kind == "text" and value:
-        data = value.text_or_lines()
-    elif kind == "file" and value:
-        data = read_beside(value)
+    elif kind in ("text", "file") and value:
+        data = value.text_or_lines() if kind == "text" else read_beside(value)
     elif kind != "zeros":
         node.expected("phone, zeros or random, or an object with one of these, text or file")
     known = kind in ("text", "file")
@@ -57,70 +54,62 @@ def read_beside(node: Node) -> bytes:
         node.expected("an existing file")
 
 
-def read_bytes(node: Node, limit: int, seed: int) -> bytes:
+def read_bytes(node: Node, limit: int) -> bytes:
     """A text, a list of lines or a fill."""
-    return content.render(read_fill(node, "", limit, seed)) if isinstance(node.value, dict) else node.text_or_lines()
+    return content.render(read_fill(node, "", limit)) if isinstance(node.value, dict) else node.text_or_lines()
 
 
-def read_hex(node: Node, expected: str) -> bytes:
-    """ "00 FE b6"; anything else is not what was expected."""
+def read_hex(node: Node, count: str, expected: str) -> bytes:
+    """ "00 FE b6"; anything else is not what was expected. `count` of bytes is that of a regular expression."""
     digits = node.value.replace(" ", "") if isinstance(node.value, str) else "-"
-    if not re.fullmatch("([0-9A-Fa-f]{2})*", digits):
-        node.expected(expected)
+    node.require(bool(re.fullmatch(f"([0-9A-Fa-f]{{2}}){count}", digits)), expected)
     return bytes.fromhex(digits)
 
 
-def read_board_id(node: Node) -> bytes:
+def read_board_id(node: Node) -> Optional[bytes]:
+    if not node or node.value is None:
+        return None if node else BOARD_ID
     if not isinstance(node.value, list) or len(node.value) != 4:
-        return read_hex(node, 'four cells, or bytes in hexadecimal like "00 00 00 05"')
+        return read_hex(node, "*", 'four cells, or bytes in hexadecimal like "00 00 00 05"')
     return b"".join(cell.number(largest=0xFFFFFFFF).to_bytes(4, "big") for cell in node.elements())
 
 
-def read_number(node: Node, field: Field, what: str) -> int:
-    text = node.value if isinstance(node.value, str) else ""
-    if not node.is_number() and not re.fullmatch("0x[0-9A-Fa-f]+", text):
-        node.expected(what)
-    number = int(text, 16) if text else int(node.value)
-    largest = LARGEST >> (64 - 8 * field.size)
-    if number > largest:
-        node.expected(f"at most 0x{largest:X}")
-    return number
-
-
 def read_field(node: Node, field: Field) -> Union[int, bytes]:
-    text = node.value.encode("utf-8") if isinstance(node.value, str) else b""
-    if field.kind == Kind.NUMBER:
-        return read_number(node, field, 'a whole number or "0x..."')
-    if field.kind == Kind.MAGIC:
-        is_word = len(text) == 4 and not re.fullmatch(b"0x[0-9A-Fa-f]{2}", text)
-        what = 'four characters, a whole number or "0x..."'
-        return int.from_bytes(text, "big") if is_word else read_number(node, field, what)
-    if not isinstance(node.value, str) or len(text) > field.size:
-        node.expected(f"a text of at most {field.size} bytes")
-    return text
+    """A magic word may be its four characters, each number "0x..."."""
+    text = node.value if isinstance(node.value, str) else ""
+    data = text.encode("utf-8")
+    if field.kind == Kind.TEXT:
+        node.require(node.value == text and len(data) <= field.size, f"a text of at most {field.size} bytes")
+        return data
+    is_hex = re.fullmatch("0x[0-9A-Fa-f]+", text)
+    if field.kind == Kind.MAGIC and len(data) == 4 and not is_hex:
+        return int.from_bytes(data, "big")
+    number, largest = int(text, 16) if is_hex else node.value, (1 << 8 * field.size) - 1
+    characters = "four characters, " if field.kind == Kind.MAGIC else ""
+    node.require(is_whole(number), f'{characters}a whole number or "0x..."')
+    node.require(number <= largest, f"at most 0x{largest:X}")
+    return int(number)
 
 
-def read_record(node: Node, layout: Record, before: bytes, seed: int, left_out: Sequence[str] = ()) -> bytes:
-    """The record as it was before, with the fields that the node names, but for those that are left out."""
-    node.require_keys(["fill"] + [field.name for field in layout.fields])
-    record = bytearray(before)
-    if node["fill"]:
-        data = content.render(read_fill(node["fill"], "", len(record), seed))
+def read_record(node: Node, layout: Record, before: bytes = b"", left_out: Sequence[str] = ()) -> bytes:
+    """The record as it was before, or zeros, with the fields that the node names, but for those that are left out."""
+    members = dict(node.members(["fill"] + [field.name for field in layout.fields]))
+    record = bytearray(before or bytes(layout.size))
+    if "fill" in members:
+        data = content.render(read_fill(members["fill"], "", len(record)))
         record[: len(data)] = data
     for field in layout.fields:
-        if node[field.name] and field.name not in left_out:
-            layout.put(record, field.name, read_field(node[field.name], field))
+        if field.name in members and field.name not in left_out:
+            layout.put(record, field.name, read_field(members[field.name], field))
     return bytes(record)
 
 
-def read_meta(node: Node, before: bytes, seed: int) -> bytes:
+def read_meta(node: Node, before: bytes = b"") -> bytes:
     """A meta record, whose checksum is valid unless the node says otherwise."""
-    if not node:
-        return before
-    crc = node["crc"]
-    if crc and crc.value not in ("valid", "damaged"):
-        return read_record(node, records.FULLDUMP_META, before, seed)
-    record = bytearray(read_record(node, records.FULLDUMP_META, before, seed, ["crc"]))
+    crc, layout = node["crc"], records.FULLDUMP_META
+    if not node or (crc and crc.value not in ("valid", "damaged")):
+        return read_record(node, layout, before)
+    record = bytearray(read_record(node, layout, before, ["crc"]))
     valid = records.meta_crc(bytes(record))
-    records.FULLDUMP_META.put(record, "crc", valid ^ 0xFFFFFFFF if crc.value == "damaged" else valid)
+    layout.put(record, "crc", valid ^ 0xFFFFFFFF if crc.value == "damaged" else valid)
     return bytes(record)

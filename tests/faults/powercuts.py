@@ -4,29 +4,24 @@ flushed, the device boots again, and that boot is cut as well."""
 from __future__ import annotations
 
 from collections import Counter
-from dataclasses import dataclass
 import os
 import re
 import sys
-from typing import Dict, List, Sequence, Tuple
+from typing import Dict, List, NamedTuple, Sequence, Tuple
 
-from vortadev import phone
+from vortadev.phone import TMP_SUFFIX
 from vortadev.records import LOG_REGIONS
 
-from boots import digest
 from calls import Call, of_daemon, parse, thinned
 from campaign import Campaign, Outcome
 from invariants import CUT, NEXT, Boot, Broken, Case, judge
 from state import Device, State
-from storage import Pending, after_cut, pending_after
+from storage import after_cut, storage_after
 
-LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
-DEEP, SHORT_DEEP = 1, 0  # second cuts for each state that a first one leaves
 CHANGES = re.compile(r"^(write\((?![12]<)|openat\(.*O_CREAT|mkdir|unlink|rmdir|fsync|clone|wait4|exit_group)")
 
 
-@dataclass(frozen=True)
-class Cut:
+class Cut(NamedTuple):
     """Power fails before the call at this index of the boot; behind the last one, after the boot."""
 
     boot: str
@@ -50,27 +45,14 @@ def cut(device: Device, calls: Sequence[Call], index: int) -> bool:
     return any("killed by SIGKILL" in line for line in run.trace)
 
 
-def copied(pending: Pending) -> List[str]:
-    """The logs that were copied whole."""
-    copies = [
-        (log, name) for log in LOG_REGIONS for name in pending.written if name.endswith(f"/{log}{phone.TMP_SUFFIX}")
-    ]
-    return [log for log, name in copies if pending.written[name] == LOG_REGIONS[log].size]
-
-
 class PowerCuts(Campaign):
-    def __init__(self) -> None:
-        super().__init__("powercuts", __doc__ or "")  # no cut breaks anything: the hazards that are kept are of faults
-        self.deep = SHORT_DEEP if self.options.short else DEEP
-        self.seen: Dict[Tuple[str, int, int], List[Broken]] = {}
-
     def plan(self, boot: Boot) -> Tuple[Sequence[Cut], Dict[str, int]]:
         """What is after one call is before the next."""
         calls = of_daemon(boot.calls)
-        chosen = thinned(calls, SHORT_LOOP if self.options.short else LOOP)
+        chosen = thinned(calls, self.loop)
         places = sorted({index for call in chosen for index in (call.index, call.index + 1)})
         if self.options.short:
-            places = [place for n, place in enumerate(places) if n % SHORT_STRIDE == 0 or stores(boot, place)]
+            places = [place for n, place in enumerate(places) if n % self.SHORT_STRIDE == 0 or stores(boot, place)]
         names = [f"{boot.name}:{call.name}:{call.nth}" for call in boot.calls] + [f"{boot.name}:end"]
         cuts = [Cut(boot.name, place, names[place]) for place in places]
         return cuts, {"calls": len(calls), "merged": len(calls) - len(chosen)}
@@ -78,51 +60,48 @@ class PowerCuts(Campaign):
     def try_case(self, case: Cut) -> Outcome:
         boot = self.boots[case.boot]
         device = boot.template.copy_to(self.scratch / str(os.getpid()) / "first")
-        last = boot.calls[min(case.index, len(boot.calls) - 1)].text
-        if not cut(device, boot.calls, case.index):
-            return Outcome(case.name, case.boot, last, [("reached", "the call was not made")], Counter())
-        tried = Counter(cuts=1)
-        broken = self.states_after(boot, device, boot.first, boot.calls[: case.index], tried, self.deep)
+        last, tried = boot.calls[min(case.index, len(boot.calls) - 1)].text, Counter(cuts=1)
+        broken = [("reached", "the call was not made")]
+        if cut(device, boot.calls, case.index):
+            broken = self.states_after(boot, device, boot.first, boot.calls[: case.index], tried, not self.options.short)
         return Outcome(case.name, case.boot, last, broken, tried)
 
     def states_after(
-        self, boot: Boot, device: Device, before: State, made: Sequence[Call], tried: Counter[str], deep: int
+        self, boot: Boot, device: Device, before: State, made: Sequence[Call], tried: Counter[str], deeper: bool
     ) -> List[Broken]:
-        """Judges each way that storage may look now, and what becomes of it. States that differ in nothing but times go
-        on alike: one of them is booted."""
-        now, pending = device.read(), pending_after(made, set(before.files))
+        """Judges each way that storage may look now, and what becomes of it. One of equal states is booted."""
+        storage = storage_after(made, before)
+        copied = frozenset(log for log, region in LOG_REGIONS.items() if storage.has_written(f"/{log}{TMP_SUFFIX}", region.size))
         broken: List[Broken] = []
-        for way, state in after_cut(before, now, pending):
-            found = judge(Case(boot, CUT, before, state, copied=frozenset(copied(pending))))
-            key = (boot.name, digest(state), deep)
+        for way, state in after_cut(before, device.read(before), storage):
+            key = (boot.name, state.digest, deeper)
             if key not in self.seen:
-                self.seen[key] = self.boots_after(boot, device, state, tried, deep)
+                self.seen[key] = self.boot_after(boot, device, state, tried, deeper)
             tried["states"] += 1
-            broken += [(name, f"{way}: {wrong}") for name, wrong in found + self.seen[key]]
+            found = judge(Case(boot, CUT, before, state, copied=copied)) + self.seen[key]
+            broken += [(name, f"{way}: {wrong}") for name, wrong in found]
         return list(dict(reversed(broken)).items())  # the first of each invariant
 
-    def boots_after(self, boot: Boot, device: Device, state: State, tried: Counter[str], deep: int) -> List[Broken]:
-        folder = device.folder.parent
+    def boot_after(self, boot: Boot, device: Device, state: State, tried: Counter[str], deeper: bool) -> List[Broken]:
+        """Boots the device in this state, and cuts that boot, at another place from state to state."""
         device.write_files(state.files)
-        base = device.copy_to(folder / f"base{deep}")
-        whole = base.copy_to(folder / f"whole{deep}")
+        whole = device.copy_to(device.folder.with_name("whole"))
         run = whole.boot(strace=("-e", "trace=all"))
         tried["boots"] += 1
-        broken = judge(Case(boot, NEXT, state, whole.read(), run))
+        broken = judge(Case(boot, NEXT, state, whole.read(state), run))
         calls = parse(run.trace)
-        changing = [call.index for call in thinned(of_daemon(calls), SHORT_LOOP) if CHANGES.match(call.text)]
-        apart = max(1, len(changing) // max(1, deep))
-        places = changing[digest(state) % apart :: apart]  # another place from state to state, the same in each run
-        for place in places[:deep]:
-            again = base.copy_to(folder / "second")
-            if not cut(again, calls, place):
-                broken.append(("reached", f"second cut: {calls[place].text} was not made"))
-                continue
+        changing = [call for call in thinned(of_daemon(calls), self.SHORT_LOOP) if CHANGES.match(call.text)]
+        if deeper and changing:
+            call = changing[state.digest % len(changing)]
+            again = device.copy_to(device.folder.with_name("second"))
+            if not cut(again, calls, call.index):
+                return [*broken, ("reached", f"second cut: {call.text} was not made")]
             tried["two deep"] += 1
-            second = self.states_after(boot, again, state, calls[:place], tried, 0)
-            broken += [(name, f"then cut before {calls[place].text[:90]}: {wrong}") for name, wrong in second]
+            second = self.states_after(boot, again, state, calls[: call.index], tried, False)
+            broken += [(name, f"then cut before {call.text[:90]}: {wrong}") for name, wrong in second]
         return broken
 
 
 if __name__ == "__main__":
-    sys.exit(PowerCuts().run())
+    # No cut breaks anything: the hazards that are kept are of faults.
+    sys.exit(PowerCuts("powercuts", __doc__).run())

@@ -4,22 +4,49 @@ plain bytes. Paths are the phone's; those of folders end in a slash."""
 from __future__ import annotations
 
 from dataclasses import dataclass, replace
+from functools import cached_property
+import hashlib
 import os
 from pathlib import Path
 import re
 import shutil
 import subprocess
-from typing import Dict, List, Optional, Sequence, Tuple
+from typing import Any, Dict, Iterable, List, Optional, Sequence
 
-from vortadev import device as devices, phone, sandbox
+from vortadev import device as devices, phone, records, sandbox, scenario
 from vortadev.device import Image, on_device
 from vortadev.records import Region
 from vortadev.scenario import Scenario
 
-BEFORE = "2024"  # the year of the boots that a device starts with; a run's own begin with today's
-STAMP = re.compile(rf"(?!{BEFORE}){phone.RECORD_TIME.pattern}")
-NEW_FOLDER = re.compile(rf"{phone.DUMPLOG}/(?!{BEFORE})[^/]*/")
+RUN_TIME = re.compile(r"(?<!\d)(?!2024)\d{14}(-\d{8}|(?!-\d))")  # of 2024 are the boots that a device starts with
 TIME_LIMIT = 20  # seconds for a boot that takes less than one
+
+
+def header_field(first: str, last: str = "") -> Region:
+    start, end = (records.REASON_HEADER.field(name) for name in (first, last or first))
+    return Region(records.RAWDUMP, start.offset, end.offset + end.size - start.offset)
+
+
+# What boots write in the partitions. A field is whole, old or new, at any time.
+FULLDUMP = scenario.load("full-dump").fulldump or scenario.Dump(0, 0, b"", scenario.Fill())
+FIELDS = {
+    "corvel": header_field("corvel"),
+    "node": records.REASON_NODE_REGION,
+    "usertype": header_field("userType"),
+    "board": header_field("boardIdMagic", "boardId"),
+    "minidump": replace(records.MINIDUMP_REGION, size=records.DUMP_HEADER.size),
+    "fulldump": Region(records.USERDATA, FULLDUMP.offset, records.DUMP_HEADER.size),
+    "meta": records.META_REGION,
+}
+
+
+def plain_times(found: Iterable[str], before: Iterable[str]) -> Dict[str, str]:
+    """Times of runs, and the numbers that stand for them, so that runs differ in nothing but what they left. Those of
+    `before` have theirs."""
+    known = sorted(before)
+    first = int(known[-1][4:14]) + 1 if known else 1
+    new = enumerate(sorted(set(found) - set(known)), first)
+    return {**{time: time for time in known}, **{time: f"2025{number:010}-00000000" for number, time in new}}
 
 
 @dataclass(frozen=True)
@@ -29,25 +56,40 @@ class State:
     partitions: Dict[str, Image]
     files: Dict[str, bytes]
 
-    def field(self, region: Region) -> bytes:
+    def field(self, name: str) -> bytes:
+        return self.region(FIELDS[name])
+
+    def region(self, region: Region) -> bytes:
         return self.partitions[region.partition].read(region.offset, region.size)
 
-    def new_folders(self) -> List[str]:
-        return [name for name in self.files if NEW_FOLDER.fullmatch(name)]
-
-    def earlier(self) -> List[str]:
-        """What is left of the boots that were collected before."""
-        return sorted(name for name in self.files if name.startswith(f"{phone.DUMPLOG}/{BEFORE}"))
-
-    def collected(self, name: str) -> List[bytes]:
-        """The files of this name in the folders that were made since the start."""
-        return sorted(self.files[folder + name] for folder in self.new_folders() if folder + name in self.files)
-
-    def fulldumps(self) -> List[bytes]:
-        return [content for name, content in self.files.items() if name.endswith("-" + phone.FULLDUMP_NAME)]
-
+    @cached_property
     def history(self) -> bytes:
         return self.files.get(phone.HISTORY, b"")
+
+    @cached_property
+    def times(self) -> List[str]:
+        text = "\n".join([*self.files, self.history.decode("latin-1")])
+        return [found[0] for found in RUN_TIME.finditer(text)]
+
+    @cached_property
+    def facts(self) -> Dict[str, Any]:
+        """All that boots leave, by field or path; how many lines the history has, and what they tell."""
+        entries, _ = phone.parse_history(self.history.decode("latin-1"))
+        told = [(entry.category, entry.reason) for entry in entries]
+        return {name: self.field(name) for name in FIELDS} | self.files | {"lines": self.history.count(b"\n"), "told": told}
+
+    def found(self, pattern: str) -> Dict[str, bytes]:
+        """The files and folders that runs made, by their paths, of which the pattern tells the end."""
+        return {name: data for name, data in self.files.items() if re.search(f"{RUN_TIME.pattern}{pattern}$", name)}
+
+    @cached_property
+    def digest(self) -> int:
+        """The same in every run of a campaign."""
+        whole = hashlib.blake2b(digest_size=8)
+        named = {name: self.field(name) for name in FIELDS} | self.files
+        for part in (part for name, content in sorted(named.items()) for part in (os.fsencode(name), content)):
+            whole.update(len(part).to_bytes(8, "little") + part)
+        return int.from_bytes(whole.digest(), "little")
 
 
 @dataclass
@@ -63,8 +105,8 @@ class Device:
     daemon: Path
     arguments: Sequence[str]
 
-    def create(self, scenario: Scenario) -> None:
-        devices.create(self.folder, scenario)
+    def create(self, wanted: Scenario) -> None:
+        devices.create(self.folder, wanted)
         (self.folder / "out").mkdir()
 
     def copy_to(self, folder: Path) -> Device:
@@ -73,7 +115,7 @@ class Device:
         subprocess.run(["cp", "-a", "--sparse=always", "--reflink=auto", self.folder, folder], check=True)
         return replace(self, folder=folder)
 
-    def boot(self, strace: Sequence[str] = (), preload: Optional[Tuple[Path, str]] = None) -> Run:
+    def boot(self, strace: Sequence[str] = (), preload: str = "", order: str = "") -> Run:
         """Runs the daemon once, under strace with these options, or with a library preloaded and its order in the
         environment."""
         trace = self.folder / "out/trace"
@@ -82,28 +124,31 @@ class Device:
         if strace:
             options.wrapper = ["strace", "-y", "-s", "96", "-o", "/out/trace", *strace]
         if preload:
-            options.binds.append((str(preload[0]), "/faults.so"))
-            options.environment.update(LD_PRELOAD="/faults.so", FAULT=preload[1])
+            options.binds.append((preload, "/faults.so"))
+            options.environment.update(LD_PRELOAD="/faults.so", FAULT=order)
         run = sandbox.run(self.folder, self.arguments, options, capture=True)
         return Run(**vars(run), trace=trace.read_text(errors="replace").splitlines() if strace else [])
 
-    def read(self) -> State:
+    def read(self, before: Optional[State] = None) -> State:
+        """`before` is what the device held before its last run."""
         files: Dict[str, bytes] = {}
         for root, folders, names in os.walk(self.folder / "data"):
             prefix = f"{root[len(str(self.folder)):]}/"
             files.update((f"{prefix}{name}/", b"") for name in folders)
             files.update((prefix + name, Path(root, name).read_bytes()) for name in names)
-        return State(devices.read_partitions(self.folder), files)
+        raw = State(devices.read_partitions(self.folder), files)
+        plain = plain_times(raw.times, before.times if before else ())
+        named = {RUN_TIME.sub(lambda time: plain[time[0]], name): content for name, content in files.items()}
+        text = RUN_TIME.sub(lambda time: plain[time[0]], raw.history.decode("latin-1"))
+        return replace(raw, files=named | ({phone.HISTORY: text.encode("latin-1")} if raw.history else {}))
 
     def write_files(self, files: Dict[str, bytes]) -> None:
         """Makes the content of /data exactly this."""
-        now = self.read().files
-        for name in sorted(now.keys() - files.keys(), reverse=True):  # what is in a folder before the folder
-            path = on_device(self.folder, name)
-            path.rmdir() if name.endswith("/") else path.unlink()
-        for name in sorted(files):
+        shutil.rmtree(self.folder / "data")
+        (self.folder / "data").mkdir()
+        for name, content in sorted(files.items()):  # a folder before what is in it
             path = on_device(self.folder, name)
             if name.endswith("/"):
-                path.mkdir(exist_ok=True)
-            elif now.get(name) != files[name]:
-                path.write_bytes(files[name])
+                path.mkdir()
+            else:
+                path.write_bytes(content)

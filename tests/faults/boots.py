@@ -109,12 +109,14 @@ STEPS = [
     Step("minidump", AT_MINIDUMP, COLLECTED, leaves=f"^minidump$|{RUN}/{phone.RAWDUMP_NAME}$"),
     Step("marker", rf'^openat\(.*-\d+/{phone.DONE_NAME}"', leaves=f"{RUN}/{phone.DONE_NAME}$"),
     Step("factory", PROPERTIES, "marker", leaves=FACTORY_EVENTS),
-    Step("history", r"^openat\(.*history\.log.*O_APPEND", leaves="^lines$", carries="told"),
-    # What the line of the history says: it depends on more than that there is one.
-    Step("told", leaves="^told$"),
+    Step("history", r"^openat\(.*history\.log.*O_APPEND", carries="told"),
+    # What the history says: it depends on more than that it has a line of this boot.
+    Step("told", leaves=f"^{phone.HISTORY}$"),
     Step("usertype", PROPERTIES, "history", leaves="^usertype$"),
     Step("meta", r'^openat\(.*bootfail_info"', leaves="^meta$", carries="full.*"),
-    Step("fulldump", r'^openat\(.*by-name/userdata"', leaves=f"^fulldump$|{RUN}-{phone.FULLDUMP_NAME}$", carries="full.*"),
+    Step(
+        "fulldump", r'^openat\(.*by-name/userdata"', leaves=f"^fulldump$|{RUN}-{phone.FULLDUMP_NAME}$", carries="full.*"
+    ),
     Step("fullmarker", f"^openat.*{FULL_DONE}", leaves=FULL_DONE),
     Step("purge", r'^openat\(.*/fulldumplog", .*O_DIRECTORY', "meta", leaves=f"{phone.FULLDUMP_NAME}$"),
     Step("board", r"^openat\(.*boardid", leaves="^board$"),

@@ -62,6 +62,42 @@ MEMORY = [
     Call(0, "asprintf", 1, "asprintf()", "start"),
     Call(0, "asprintf", 2, "asprintf()", "history"),
 ]
+POWER = "cut"
+
+
+class Strike(NamedTuple):
+    """What happens at a call: it fails with this error, or power does; `on`: so do all later calls of its name."""
+
+    boot: str
+    call: Call
+    error: str
+    on: bool
+
+    @property
+    def name(self) -> str:
+        return f"{self.boot}:{self.call.name}:{self.call.nth}:{self.error}:{'on' if self.on else 'once'}"
+
+    @property
+    def preloaded(self) -> bool:
+        """Whether it takes the preloaded library: strace can neither shorten a write nor see a call of a library."""
+        return self.error == "half" or self.call in MEMORY
+
+    @property
+    def injected(self) -> str:
+        """What strace is told."""
+        if self.error == POWER:
+            return "signal=KILL"
+        # A refused brk gives the old break; an error number would look like an address.
+        return "retval=0" if self.error == "none" or self.call.name == "brk" else f"error={self.error}"
+
+
+def strikes(boot: str, calls: Sequence[Call]) -> List[Strike]:
+    """All ways in which these calls can fail. Interruptions and writes that take nothing come one at a time: they are
+    repeated by contract, for ever if they never end. So do failing closes: strace leaves the file open, which a kernel
+    never does and which blocks a pipe."""
+    once = [Strike(boot, call, error, False) for call in calls for error in errors_of(call)]
+    on = [strike._replace(on=True) for strike in once if strike.error not in ("EINTR", "none")]
+    return sorted(once + [strike for strike in on if strike.call.name != "close"])
 
 
 def parse(trace: Sequence[str]) -> List[Call]:

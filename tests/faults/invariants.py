@@ -4,19 +4,16 @@ device holds, and the closed list of hazards that are kept."""
 from __future__ import annotations
 
 from dataclasses import dataclass
-from functools import cached_property, lru_cache
-import hashlib
+from functools import cached_property
 import json
 from pathlib import Path
 import re
-from typing import Callable, Dict, FrozenSet, List, NamedTuple, Optional, Sequence, Set, Tuple
-import zlib
+from typing import Any, Callable, Collection, Dict, FrozenSet, List, NamedTuple, Optional, Sequence, Set, Tuple
 
 from vortadev import phone, records
 from vortadev.check import differing_byte
 from vortadev.device import Image
 from vortadev.records import DUMP_HEADER, LOG_REGIONS, REASON_HEADER
-from vortadev.scenario import Scenario
 
 from boots import LOGS, STEPS
 from calls import Call
@@ -51,7 +48,6 @@ class Boot:
     """A boot without faults: the device before and after it, its calls, and the log's lines at error level."""
 
     name: str
-    scenario: Scenario
     template: Device
     first: State
     clean: State
@@ -70,21 +66,9 @@ class Boot:
         """The fields that the boot may write."""
         return [name for name in FIELDS if self.first.field(name) != self.clean.field(name)]
 
-    @cached_property
-    def minidump(self) -> bytes:
-        """The digest of the dump: the region is large."""
-        return hashlib.sha1(self.first.region(records.MINIDUMP_REGION)).digest()
-
-    @cached_property
-    def fulldump(self) -> bytes:
-        """As it is stored: whole chunks."""
-        size = self.scenario.fulldump.size if self.scenario.fulldump else 0
-        place = records.Region(records.USERDATA, FIELDS["fulldump"].offset, size + -size % records.COPY_CHUNK)
-        return self.first.region(place)
-
-    def texts(self, log: str) -> Sequence[bytes]:
-        """What the boot makes of a log."""
-        return self.clean.found(f"/{log}").values()
+    def right(self, ending: str) -> Collection[bytes]:
+        """What the boot leaves under a name that ends so; that its bytes are right is a promise of the scenario."""
+        return self.clean.found(ending).values()
 
 
 class Case(NamedTuple):
@@ -106,25 +90,14 @@ class Case(NamedTuple):
         return [name for name in self.after.found("/") if name not in self.before.files]
 
 
-@lru_cache(maxsize=4096)
-def unpacked(packed: bytes) -> bytes:
-    """The digest of what gunzip makes of a file; empty unless that is one whole gzip stream."""
-    stream = zlib.decompressobj(16 + zlib.MAX_WBITS)
-    try:
-        content = stream.decompress(packed)
-    except zlib.error:
-        return b""
-    return hashlib.sha1(content).digest() if stream.eof and not stream.unused_data else b""
-
-
 def evidence(boot: Boot, state: State) -> Dict[str, Tuple[bool, bool]]:
-    """For each dump of this boot: whether it waits in its partition, and whether a file holds it."""
-    held = {
-        "minidump": boot.minidump in map(unpacked, state.found(f"/{phone.RAWDUMP_NAME}").values()),
-        "fulldump": boot.fulldump in state.found(f"-{phone.FULLDUMP_NAME}").values(),
-    }
-    waits = {name: bool(DUMP_HEADER.number(state.field(name), "flag") & 1) for name in held}
-    return {name: (waits[name], held[name]) for name in held if name in boot.fields}
+    """For each dump of this boot: whether it waits in its partition, and whether a file holds exactly its bytes."""
+    known = {}
+    for name, ending in (("minidump", f"/{phone.RAWDUMP_NAME}"), ("fulldump", f"-{phone.FULLDUMP_NAME}")):
+        if name in boot.fields:
+            waits = DUMP_HEADER.number(state.field(name), "flag") & 1 == 1
+            known[name] = (waits, any(data in boot.right(ending) for data in state.found(ending).values()))
+    return known
 
 
 def ended(case: Case) -> str:
@@ -148,13 +121,14 @@ def foreign_bytes(case: Case) -> str:
 
 
 def derived(node: bytes, base: bytes) -> bytes:
-    """The node with a reason of the daemon's own: marks, level 1, the texts that it has, and the rest of the base."""
+    """The node with a reason of the daemon's own: marks, level 1, the texts that it has, if each ends in its field, and
+    the rest of the base."""
     start = bytes(records.REASON_NODE_REGION.offset)
     header = bytearray(start + base)
     for name, value in DERIVED.items():
         REASON_HEADER.put(header, name, value)
-    for name in TEXTS:
-        REASON_HEADER.put(header, name, REASON_HEADER.text(start + node, name)[: REASON_HEADER.field(name).size - 1])
+    for field in map(REASON_HEADER.field, TEXTS):
+        header[field.offset : field.offset + field.size] = (start + node)[field.offset :][: field.size - 1] + b"\0"
     return bytes(header[len(start) :])
 
 
@@ -197,7 +171,7 @@ def saved_in(case: Case, folder: str, log: str) -> bool:
     """Whether the folder has the raw copy of the log or, unless its flush failed, the whole text."""
     unflushed = case.failed.startswith("fsync(") and f"/{log}>" in case.failed
     raw, text = (case.after.files.get(folder + log + ending) for ending in (phone.TMP_SUFFIX, ""))
-    return raw == case.boot.first.region(LOG_REGIONS[log]) or not unflushed and text in case.boot.texts(log)
+    return raw == case.boot.first.region(LOG_REGIONS[log]) or not unflushed and text in case.boot.right(f"/{log}")
 
 
 def stopped_steps(case: Case) -> str:
@@ -208,7 +182,7 @@ def stopped_steps(case: Case) -> str:
 
 
 def history(case: Case) -> str:
-    """The history gains at most one whole line a run, exactly one in a run without faults."""
+    """The history gains at most one whole line a run, exactly one unless a fault or a cut kept it from that."""
     before, after = case.before.history, case.after.history
     kept = after.startswith(before)
     if not kept and len(before) <= phone.HISTORY_LIMIT:
@@ -218,7 +192,8 @@ def history(case: Case) -> str:
     whole = len(entries) == 1 and not damaged and RUN_TIME.fullmatch(entries[0].time)
     if added and not (whole and added.count(b"\n") == 1 and not (kept and before[-1:] not in (b"", b"\n"))):
         return f"gained {added[-60:]!r}"
-    return "no line" if case.stage == NEXT and "history" in case.boot.steps and not added else ""
+    wanted = case.stage == NEXT or case.stage == FAULT and "history" not in case.affected
+    return "no line" if wanted and "told" in case.boot.steps and not added else ""
 
 
 def unlogged(case: Case) -> str:
@@ -238,13 +213,13 @@ def not_collected(case: Case) -> str:
     left = [name for name in old if old[name][0] and new[name] != (False, True)]
     if REASON_HEADER.number(case.before.region(records.REASON_REGION), "bootLevel") >= records.ABNORMAL_LEVEL:
         made = [(name, [files.get(folder + name) for folder in case.folders()]) for name in (*LOGS, phone.DONE_NAME)]
-        left += [name for name, texts in made if not any(text in boot.texts(name) for text in texts)]
+        left += [name for name, texts in made if not any(text in boot.right(f"/{name}") for text in texts)]
     return f"still waiting: {', '.join(left)}" if left else ""
 
 
 def reported_twice(case: Case) -> str:
     """One reboot's kernel log is collected once."""
-    times = sum(text in case.boot.texts("last_kmsg") for text in case.after.found("/last_kmsg").values())
+    times = sum(text in case.boot.right("/last_kmsg") for text in case.after.found("/last_kmsg").values())
     return f"{times} collections of one kernel log" if times > 1 and "node" not in case.affected else ""
 
 
@@ -269,23 +244,13 @@ def judge(case: Case) -> List[Broken]:
     return [(name, f"{case.stage}: {wrong}") for name, wrong in found if wrong]
 
 
-class Hazard(NamedTuple):
-    """A loss that is kept by design: by faults that match (name, steps and struck call), these invariants may break.
-    `reference` is a text of its row in docs/hazards.md."""
-
-    fault: str
-    breaks: Sequence[str]
-    reference: str
-
-    def explains(self, fault: str, broken: Sequence[Broken]) -> bool:
-        return all(name in self.breaks for name, _ in broken) and bool(re.search(self.fault, fault))
-
-
-def load_hazards() -> List[Hazard]:
+def load_hazards() -> List[Dict[str, Any]]:
+    """The losses that are kept by design: by faults that match `fault` (name, steps and struck call), the invariants
+    that it `breaks` may break. Its `reference` is a text of its row in docs/hazards.md."""
     folder = Path(__file__).resolve().parent
     rows = (folder.parents[1] / "docs/hazards.md").read_text()
-    hazards = [Hazard(**entry) for entry in json.loads((folder / "hazards.json").read_text())]
+    hazards: List[Dict[str, Any]] = json.loads((folder / "hazards.json").read_text())
     for hazard in hazards:
-        if hazard.reference not in rows:
-            raise SystemExit(f'tests/faults/hazards.json: docs/hazards.md lacks "{hazard.reference}"')
+        if hazard["reference"] not in rows:
+            raise SystemExit(f'tests/faults/hazards.json: docs/hazards.md lacks "{hazard["reference"]}"')
     return hazards

@@ -11,7 +11,7 @@ from pathlib import Path
 import re
 import shutil
 import subprocess
-from typing import Any, Dict, Iterable, List, Optional, Sequence
+from typing import Dict, Iterable, List, Optional, Sequence
 
 from vortadev import device as devices, phone, records, sandbox, scenario
 from vortadev.device import Image, on_device
@@ -72,11 +72,9 @@ class State:
         return [found[0] for found in RUN_TIME.finditer(text)]
 
     @cached_property
-    def facts(self) -> Dict[str, Any]:
-        """All that boots leave, by field or path; how many lines the history has, and what they tell."""
-        entries, _ = phone.parse_history(self.history.decode("latin-1"))
-        told = [(entry.category, entry.reason) for entry in entries]
-        return {name: self.field(name) for name in FIELDS} | self.files | {"lines": self.history.count(b"\n"), "told": told}
+    def facts(self) -> Dict[str, bytes]:
+        """All that boots leave, by field or path."""
+        return {**{name: self.field(name) for name in FIELDS}, **self.files}
 
     def found(self, pattern: str) -> Dict[str, bytes]:
         """The files and folders that runs made, by their paths, of which the pattern tells the end."""
@@ -86,9 +84,8 @@ class State:
     def digest(self) -> int:
         """The same in every run of a campaign."""
         whole = hashlib.blake2b(digest_size=8)
-        named = {name: self.field(name) for name in FIELDS} | self.files
-        for part in (part for name, content in sorted(named.items()) for part in (os.fsencode(name), content)):
-            whole.update(len(part).to_bytes(8, "little") + part)
+        for name, content in sorted(self.facts.items()):
+            whole.update(b"%s %d " % (os.fsencode(name), len(content)) + content)
         return int.from_bytes(whole.digest(), "little")
 
 

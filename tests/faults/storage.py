@@ -20,14 +20,13 @@ from state import RUN_TIME, State, plain_times
 class Storage:
     """What storage has for certain: whole files, and names. What the shell makes is in neither, before its flush. `made`
     are the names that were there or that the daemon made, the newest last; `through` tells of a descriptor whether it
-    is written through, `written` how much was written to a file."""
+    is written through."""
 
     made: List[str]
     whole: Set[str]
     named: Set[str]
     removed: Set[str] = field(default_factory=set)
     through: Dict[str, bool] = field(default_factory=dict)
-    written: Dict[str, int] = field(default_factory=dict)
 
     def make(self, name: str) -> None:
         if name not in self.made:
@@ -44,15 +43,11 @@ class Storage:
         if "O_CREAT" in flags:
             self.make(name)
 
-    def write(self, descriptor: str, name: str, size: str) -> None:
-        self.written[name] = self.written.get(name, 0) + int(size)
+    def write(self, descriptor: str, name: str) -> None:
         if self.through[descriptor]:
             self.named.add(name)
         else:
             self.whole.discard(name)
-
-    def has_written(self, ending: str, size: int) -> bool:
-        return any(name.endswith(ending) and written == size for name, written in self.written.items())
 
     def flush(self, name: str) -> None:
         self.whole.add(name)
@@ -67,7 +62,7 @@ def storage_after(calls: Sequence[Call], before: State) -> Storage:
         r'openat\(AT_FDCWD<[^>]*>, "(/data/[^"]*)", (\S+?)[,)].* = (\d+)<': storage.open,
         r'mkdir\("(/data/[^"]*)".* = 0': lambda name: storage.make(f"{name}/"),
         r'(?:unlink|rmdir)\("(/data/[^"]*?)/?"\) = 0': storage.remove,
-        r"write\((\d+)<(/data/[^>]*)>.* = (\d+)$": storage.write,
+        r"write\((\d+)<(/data/[^>]*)>": storage.write,
         r"fsync\(\d+<(/data/[^>]*)>\) = 0": storage.flush,
     }
     plain = plain_times((time[0] for call in calls for time in RUN_TIME.finditer(call.text)), before.times)

@@ -14,11 +14,13 @@ from vortadev.content import Fill
 from vortadev.device import FACTORY_EVENTS
 from vortadev.scenario import Scenario
 
-from state import RUN_TIME, State
+from state import RUN, State
 
 FULLDUMP_SIZE = 1200000  # three chunks of a copy
 FULL_DONE = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}"
 OLD_DUMP = f"{phone.FULLDUMPLOG}/old-{phone.FULLDUMP_NAME}"[len("/data/") :]
+# What the daemon writes over a reason, besides the texts.
+DERIVED = {"innerResetReason": "NMAL", "bootLevel": 1, "mreasonStrFlag": "VALD", "sreasonStrFlag": "VALD"}
 
 
 def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str, Any]:
@@ -26,8 +28,7 @@ def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str
     normal boot, the derived reason."""
     header: Dict[str, Any] = {"userType": user_type, "boardId": 15}
     if reason:
-        header.update(innerResetReason="NMAL", bootLevel=1, mreasonStrFlag="VALD", sreasonStrFlag="VALD")
-        header.update(mreasonStr="NORMALBOOT", sreasonStr=reason)
+        header.update(DERIVED, mreasonStr="NORMALBOOT", sreasonStr=reason)
     expect: Dict[str, Any] = {"reasonHeader": header}
     if "meta" not in changes:
         expect["meta"] = {"userType": user_type}
@@ -85,7 +86,6 @@ class Step(NamedTuple):
         return {name: fact for name, fact in state.facts.items() if re.search(self.leaves, name)}
 
 
-RUN = f"/{RUN_TIME.pattern}"
 LOGS = {name: f"log {name}" for name in records.LOG_REGIONS}  # the steps that collect a log, by its name
 PROPERTIES = rf"^openat\(.*{phone.BUILD_PROP}"
 AT_MINIDUMP = rf"^lseek\(.*by-name/rawdump>, {records.MINIDUMP_REGION.offset}"
@@ -99,7 +99,7 @@ STEPS = [
     Step("corvel", leaves="^corvel$"),
     Step("reason", r"^pipe2\(", "header", leaves=f"^{phone.SHIPMODE}$", carries="told"),
     Step("prune", r'^openat\(.*/dumplog", .*O_DIRECTORY', "header|reason", leaves="/dumplog/2024"),
-    Step("folder", r"^mkdir\(", leaves=f"/dumplog{RUN}/$", carries=f"{COLLECTED}|minidump|marker|told"),
+    Step("folder", r"^mkdir\(", leaves=f"{RUN}/$", carries=f"{COLLECTED}|minidump|marker|told"),
     *(
         # The previous boot loader log is not even tried without this boot's.
         Step(step, rf"^openat\(.*/{log}_tmp", "", f"{RUN}/{log}$", LOGS["last_xbl_abl"] if log == "xbl_abl" else "")

@@ -46,9 +46,9 @@ ERRORS = {
 
 class Call(NamedTuple):
     """A call of a traced boot. `nth` counts the calls of its name from the start of the process, as strace's when= does;
-    `index` is its place among all of them."""
+    `at` is its place among all of them."""
 
-    index: int
+    at: int
     name: str
     nth: int
     text: str
@@ -78,17 +78,19 @@ class Strike(NamedTuple):
         return f"{self.boot}:{self.call.name}:{self.call.nth}:{self.error}:{'on' if self.on else 'once'}"
 
     @property
-    def preloaded(self) -> bool:
-        """Whether it takes the preloaded library: strace can neither shorten a write nor see a call of a library."""
-        return self.error == "half" or self.call in MEMORY
+    def plain(self) -> bool:
+        """Whether it needs neither the library nor the memory that a sanitizer build has for itself."""
+        return bool(self.injected) and self.call.name not in ("brk", "mmap", "mprotect")
 
     @property
     def injected(self) -> str:
-        """What strace is told."""
-        if self.error == POWER:
-            return "signal=KILL"
+        """What strace is told; nothing where it takes the preloaded library, as strace can neither shorten a write nor
+        see a call of the C library."""
+        if self.error == "half" or self.call in MEMORY:
+            return ""
         # A refused brk gives the old break; an error number would look like an address.
-        return "retval=0" if self.error == "none" or self.call.name == "brk" else f"error={self.error}"
+        refused = "retval=0" if self.error == "none" or self.call.name == "brk" else f"error={self.error}"
+        return "signal=KILL" if self.error == POWER else refused
 
 
 def strikes(boot: str, calls: Sequence[Call]) -> List[Strike]:
@@ -113,7 +115,7 @@ def parse(trace: Sequence[str]) -> List[Call]:
 
 
 def of_daemon(calls: Sequence[Call]) -> List[Call]:
-    start = next(call.index for call in calls if FIRST_OF_MAIN.match(call.text))
+    start = next(call.at for call in calls if FIRST_OF_MAIN.match(call.text))
     return [call for call in calls[start:] if not HOST_ONLY.search(call.text)]
 
 

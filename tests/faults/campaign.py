@@ -12,9 +12,9 @@ import re
 import subprocess
 import sys
 import tempfile
-from typing import Any, Dict, FrozenSet, Hashable, List, NamedTuple, Optional, Sequence, Tuple
+from typing import Any, Dict, FrozenSet, Hashable, List, NamedTuple, Sequence, Tuple
 
-from vortadev import check
+from vortadev import check, device as devices, sandbox
 from vortadev.bubblewrap import BUILT_DAEMON
 from vortadev.phone import TMP_SUFFIX
 
@@ -22,22 +22,22 @@ from boots import LOGS, SCENARIOS, affected_by, read
 from calls import MEMORY, POWER, Call, Strike, of_daemon, parse, strikes, thinned
 from invariants import CUT, FAULT, NEXT, Boot, Broken, Case, errors, judge, load_hazards
 from program import ROOT, CommandLine, need, progress
-from state import Device, Run, State
+from state import Device, State
 from storage import after_cut, storage_after
 
 LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
 TERMINAL = re.compile(r"write\([12]<")
-STORES = re.compile(r"write\(.*by-name/")
 CHANGES = re.compile(r"(write\((?![12]<)|openat\(.*O_CREAT|mkdir|unlink|rmdir|fsync|clone|wait4|exit_group)")
+Steps = FrozenSet[str]
 
 
 class Outcome(NamedTuple):
-    """What came of a strike. `tried` counts what it stands for, such as cuts one and two deep."""
+    """What came of a strike: what broke, the hazard that explains it, and what was tried, such as cuts two deep."""
 
-    name: str
+    case: str
     boot: str
-    call: str
     broken: Sequence[Broken]
+    known: str
     tried: Counter[str]
 
 
@@ -47,10 +47,10 @@ class Campaign:
         daemon = Path(os.environ.get("VORTA_DAEMON", BUILT_DAEMON))
         add = parser.add_argument
         add("--short", action="store_true", help="a sample, for every day")
-        add("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json", help="the result for programs")
-        add("--jobs", type=int, default=2, metavar="N", help="runs side by side (2)")
         add("--only", default="", metavar="REGEX", help="all cases whose name matches, and no others")
+        add("--jobs", type=int, default=2, metavar="N", help="runs side by side (2)")
         add("--daemon", type=Path, metavar="PROGRAM", default=daemon, help="e.g. build/asan/vorta (build/host/vorta)")
+        add("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json", help="the result for programs")
         self.program, self.options = program, parser.parse_args(sys.argv[2:])
         need("demo", "test")
         self.cuts = program == "powercuts"
@@ -65,8 +65,6 @@ class Campaign:
         memory = Path("/dev/shm")
         with tempfile.TemporaryDirectory(prefix="vf-", dir=memory if memory.is_dir() else None) as folder:
             self.scratch, _campaign = Path(folder), self
-            source, self.library = Path(__file__).with_name("preload.c"), self.scratch / "faults.so"
-            subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", self.library, source, "-ldl"], check=True)
             self.boots = {name: self.prepare(name) for name in SCENARIOS}
             cases = [case for boot in self.boots.values() for case in self.plan(boot)]
             if not cases:
@@ -76,21 +74,25 @@ class Campaign:
                 for outcome in pool.imap_unordered(try_case, cases, chunksize=8):
                     outcomes.append(outcome)
                     progress(f"{len(outcomes)} of {len(cases)}" if len(outcomes) < len(cases) else "")
-            return self.report(sorted(outcomes))
+        return self.report(sorted(outcomes))
 
     def prepare(self, name: str) -> Boot:
         """Makes the device and runs the boot and the one after it without faults. The promises of the scenario and all
         invariants must hold then, or the checks could not fail."""
         scenario = read(name)
         template = Device(self.scratch / "templates" / name, self.options.daemon.resolve(), scenario.arguments)
-        template.create(scenario)
+        devices.create(template.folder, scenario)
+        (template.folder / "out").mkdir()
+        library, source = str(template.folder / "out/faults.so"), str(Path(__file__).with_name("preload.c"))
+        subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", library, source, "-ldl"], check=True)
         device = template.copy_to(self.scratch / "clean")
         first, before = device.read(), check.read_state(device.folder)
-        run = device.boot(strace=("-e", "trace=all"))
-        boot = Boot(name, template, first, device.read(first), parse(run.trace), errors(run.log))
+        run, trace = device.boot("trace=all")
+        boot = Boot(name, template, first, device.read(first), parse(trace), errors(run.log))
         broken = [("promise", line) for line in check.Boot(scenario, device.folder, before, run, echoes=False).broken()]
-        broken += judge(Case(boot, FAULT, first, boot.clean, run)) + self.boot_after(boot, device, boot.clean)
-        opened = [call for call in run.trace if call.startswith("openat(") and "by-name/" in call]
+        broken += judge(Case(boot, FAULT, first, boot.clean, run))
+        broken += self.boot_after(boot, device, boot.clean, frozenset(), Counter(), False)
+        opened = [call for call in trace if call.startswith("openat(") and "by-name/" in call]
         broken += [("written through", call) for call in opened if "O_SYNC" not in call]
         if broken:
             wrong = "; ".join(f"{name}: {what}" for name, what in broken)
@@ -103,135 +105,96 @@ class Campaign:
         kept = thinned(calls, SHORT_LOOP if self.options.short else LOOP)
         if self.cuts:
             every = [Strike(boot.name, call, POWER, False) for call in kept]
-            always = [
-                STORES.match(before.text) or STORES.match(call.text) for before, call in zip([*kept[:1], *kept], kept)
-            ]
         else:
             memory = MEMORY if "told" in boot.steps else MEMORY[:1]  # the corvel service makes no text
-            every = [
-                strike for strike in strikes(boot.name, [*kept, *memory]) if not self.sanitized or not strike.memory
-            ]
-            always = [None] * len(every)
-        chosen = [strike for strike in every if re.search(self.options.only, strike.name)]
-        if self.options.short and not self.options.only:
-            chosen = [strike for n, strike in enumerate(every) if n % SHORT_STRIDE == 0 or always[n]]
+            every = [strike for strike in strikes(boot.name, [*kept, *memory]) if not self.sanitized or strike.plain]
+        stores = {
+            n + more for n, call in enumerate(kept) if re.match(r"write\(.*by-name/", call.text) for more in (0, 1)
+        }
+        always = stores if self.cuts else set()
+        sample = self.options.short and not self.options.only
+        chosen = [strike for n, strike in enumerate(every) if not sample or n % SHORT_STRIDE == 0 or n in always]
+        chosen = [strike for strike in chosen if re.search(self.options.only, strike.name)]
         counts = {"calls": len(calls), "merged": len(calls) - len(kept), "left out": len(every) - len(chosen)}
         self.counts[boot.name] = Counter(counts)
         return chosen
 
     def try_case(self, case: Strike) -> Outcome:
-        boot = self.boots[case.boot]
+        boot, tried = self.boots[case.boot], Counter({"cuts" if self.cuts else "faults": 1})
         device = boot.template.copy_to(self.scratch / str(os.getpid()) / "first")
-        run, reached = self.strike(case, boot.calls, device)
-        struck, tried = self.struck_by(case), Counter({"cuts" if self.cuts else "faults": 1})
-        told = " ".join(dict.fromkeys(call.step for call in struck))
-        if not reached:
-            broken = [("reached", "the call was not made")]
-        elif self.cuts:
-            made = boot.calls[: case.call.index]
-            broken = self.states_after(boot, device, boot.first, made, tried, not self.options.short)
+        run, broken = strike(case, boot.calls, device)
+        struck = struck_by(case, boot)
+        if self.cuts:
+            made = boot.calls[: case.call.at]
+            broken += self.states_after(boot, device, boot.first, made, tried, not self.options.short)
         else:
             affected = frozenset(affected_by([(call.text, call.step) for call in struck]))
             after = device.read(boot.first)
-            broken = judge(Case(boot, FAULT, boot.first, after, run, affected, case.call.text, case.error))
-            broken += self.boot_after(boot, device, after, affected)
-        return Outcome(case.name, case.boot, f"in [{told}]: {case.call.text}", broken, tried)
-
-    def strike(self, case: Strike, calls: Sequence[Call], device: Device) -> Tuple[Run, bool]:
-        """The run, and whether the call was made."""
-        name, nth, on = case.call.name, case.call.nth, "+" if case.on else ""
-        if case.preloaded:
-            if case.error == "half":  # the library does not see what the C library writes to the terminal
-                writes = [call for call in of_daemon(calls) if call.name == name and not TERMINAL.match(call.text)]
-                nth = writes.index(case.call) + 1
-            run = device.boot(preload=str(self.library), order=f"{name}:{nth}{on}")
-            return run, b"STRUCK" in run.err
-        run = device.boot(strace=("-e", f"trace={name}", "-e", f"inject={name}:{case.injected}:when={nth}{on}"))
-        return run, any("(INJECTED)" in line or "killed by SIGKILL" in line for line in run.trace)
-
-    def struck_by(self, case: Strike) -> List[Call]:
-        """Nothing depends on what is written to standard output and error."""
-        calls = [*self.boots[case.boot].calls[case.call.index + 1 :], *MEMORY]
-        later = [call for call in calls if case.on and call.name == case.call.name]
-        return [call for call in [case.call, *later] if not TERMINAL.match(call.text)]
+            broken += judge(Case(boot, FAULT, boot.first, after, run, affected, case.call.text, case.error))
+            broken += self.boot_after(boot, device, after, affected, tried, False)
+        name = f"{case.name} in [{' '.join(dict.fromkeys(call.step for call in struck))}]: {case.call.text}"
+        names = {name for name, _ in broken}
+        known = [hazard for hazard in self.hazards if names <= {*hazard["breaks"]} and re.search(hazard["fault"], name)]
+        tried.update({"known": bool(broken and known), "broken": bool(broken and not known)})
+        return Outcome(name, case.boot, broken, known[0]["fault"] if broken and known else "", tried)
 
     def states_after(
         self, boot: Boot, device: Device, before: State, made: Sequence[Call], tried: Counter[str], deeper: bool
     ) -> List[Broken]:
         """Judges each way that storage may look after a cut, and what becomes of it."""
-        ways = after_cut(before, device.read(before), storage_after(made, before))
         closed = [call.text for call in made if call.name == "close"]
         copied = frozenset(log for log in LOGS if any(f"/{log}{TMP_SUFFIX}>" in text for text in closed))
         broken: List[Broken] = []
-        for way, state in ways:
-            tried["states"] += 1
+        for way, state in after_cut(before, device.read(before), storage_after(made, before)):
             found = judge(Case(boot, CUT, before, state, copied=copied))
             found += self.boot_after(boot, device, state, frozenset(), tried, deeper)
+            tried["states"] += 1
             broken += [(name, f"{way}: {wrong}") for name, wrong in found]
         return list(dict(reversed(broken)).items())  # the first of each invariant
 
     def boot_after(
-        self,
-        boot: Boot,
-        device: Device,
-        state: State,
-        affected: FrozenSet[str] = frozenset(),
-        tried: Optional[Counter[str]] = None,
-        deeper: bool = False,
+        self, boot: Boot, device: Device, state: State, affected: Steps, tried: Counter[str], deeper: bool
     ) -> List[Broken]:
-        """Boots the device in this state without faults, and cuts that boot if there is to be a deeper one. Of equal
-        states one is booted."""
+        """Boots the device in this state without faults; of equal states one is booted. Deeper, that boot is cut, at a
+        place that is another one from state to state, and the same in each run of the campaign."""
         key = (boot.name, state.digest, "node" in affected, deeper)
-        if key not in self.seen:
-            device.write_files(state.files)
-            whole = device.copy_to(device.folder.with_name("whole"))
-            run = whole.boot(strace=("-e", "trace=all") if deeper else ())
-            broken = judge(Case(boot, NEXT, state, whole.read(state), run, affected))
-            if tried is not None:
-                tried["boots"] += 1
-                broken += self.cut_again(boot, device, state, parse(run.trace), tried) if deeper else []
-            self.seen[key] = broken
-        return self.seen[key]
-
-    def cut_again(
-        self, boot: Boot, device: Device, state: State, calls: Sequence[Call], tried: Counter[str]
-    ) -> List[Broken]:
-        """At a place that is another one from state to state, and the same in each run of the campaign."""
-        changing = [call for call in thinned(of_daemon(calls), SHORT_LOOP) if CHANGES.match(call.text)]
-        call = changing[state.digest % len(changing)]
-        again = device.copy_to(device.folder.with_name("second"))
-        if not self.strike(Strike(boot.name, call, POWER, False), calls, again)[1]:
-            return [("reached", f"second cut: {call.text} was not made")]
-        tried["two deep"] += 1
-        broken = self.states_after(boot, again, state, calls[: call.index], tried, False)
-        return [(name, f"then cut before {call.text[:90]}: {wrong}") for name, wrong in broken]
+        if key in self.seen:
+            return self.seen[key]
+        device.write_files(state.files)
+        whole = device.copy_to(device.folder.with_name("whole"))
+        run, trace = whole.boot("trace=all" if deeper else "")
+        broken = self.seen[key] = judge(Case(boot, NEXT, state, whole.read(state), run, affected))
+        tried["boots"] += 1
+        if deeper:
+            calls = parse(trace)
+            changing = [call for call in thinned(of_daemon(calls), SHORT_LOOP) if CHANGES.match(call.text)]
+            second, again = changing[state.digest % len(changing)], device.copy_to(device.folder.with_name("second"))
+            broken += strike(Strike(boot.name, second, POWER, False), calls, again)[1]
+            found = self.states_after(boot, again, state, calls[: second.at], tried, False)
+            broken += [(name, f"then cut before {second.text[:90]}: {wrong}") for name, wrong in found]
+            tried["two deep"] += 1
+        return broken
 
     def report(self, outcomes: Sequence[Outcome]) -> int:
         """Prints the result, writes it as JSON, and gives the exit status."""
-        broken, known = [], {hazard["fault"]: 0 for hazard in self.hazards}
-        for name, boot, call, wrong, tried in outcomes:
-            explained = [
-                hazard["fault"]
-                for hazard in self.hazards
-                if {invariant for invariant, _ in wrong} <= set(hazard["breaks"])
-                and re.search(hazard["fault"], f"{name} {call}")
-            ]
-            self.counts[boot].update(tried, known=bool(wrong and explained), broken=bool(wrong and not explained))
-            if wrong and explained:
-                known[explained[0]] += 1
-            elif wrong:
-                broken.append({"case": name, "call": call, "invariants": dict(wrong)})
+        broken = [outcome for outcome in outcomes if outcome.broken and not outcome.known]
+        known = Counter(outcome.known for outcome in outcomes if outcome.known)
         sample = self.options.short or self.options.only or self.sanitized  # it need not show them all
-        stale = [] if sample else [fault for fault, count in known.items() if count == 0]
-        result = {"boots": self.counts, "broken": broken, "known": known, "stale": stale}
-        self.options.json.write_text(json.dumps(result, indent=2) + "\n")
+        stale = [hazard["fault"] for hazard in self.hazards if hazard["fault"] not in known and not sample]
+        for outcome in outcomes:
+            self.counts[outcome.boot].update(outcome.tried)
         print(table(self.counts))
-        for case in broken[:10]:
-            print(f"BROKEN {case['case']}\n  {case['call']}", *case["invariants"].items(), sep="\n  ")
-            print(f"  scripts/{self.program} --daemon {self.options.daemon} --only '^{case['case']}$' repeats it")
-        print("".join(f"{count} known by {fault}\n" for fault, count in known.items() if count), end="")
-        print("".join(f"STALE, no fault shows it any more; strike it out: {fault}\n" for fault in stale), end="")
+        for case, _, wrong, *_ in broken[:10]:
+            print("", f"BROKEN {case}", *(f"  {name}: {what}" for name, what in wrong), sep="\n")
+        print(*(f"{count} known by {fault}" for fault, count in known.items()), sep="\n")
+        print(*(f"STALE, no fault shows it any more; strike it out: {fault}\n" for fault in stale), end="")
+        if broken:
+            print(
+                f"scripts/{self.program} --daemon {self.options.daemon} --only '^{broken[0].case.split()[0]}$' repeats one"
+            )
         print(f"{len(broken)} broken, {sum(known.values())} known, {len(stale)} stale")
+        result = {"boots": self.counts, "broken": [case._asdict() for case in broken], "known": known, "stale": stale}
+        self.options.json.write_text(json.dumps(result, indent=2) + "\n")
         return 1 if broken or stale else 0
 
 
@@ -241,6 +204,27 @@ _campaign: Campaign
 def try_case(case: Strike) -> Outcome:
     """In a process of its own, which has the campaign from the one that it was forked from."""
     return _campaign.try_case(case)
+
+
+def strike(case: Strike, calls: Sequence[Call], device: Device) -> Tuple[sandbox.Run, List[Broken]]:
+    """Boots the device so. It is wrong if the call is not made."""
+    name, nth, on = case.call.name, case.call.nth, "+" if case.on else ""
+    if case.injected:
+        run, trace = device.boot(f"trace={name}", f"inject={name}:{case.injected}:when={nth}{on}")
+        made = any("(INJECTED)" in line or "killed by SIGKILL" in line for line in trace)
+    else:
+        if case.error == "half":  # the library does not see what the C library writes to the terminal
+            writes = [call for call in of_daemon(calls) if call.name == name and not TERMINAL.match(call.text)]
+            nth = writes.index(case.call) + 1
+        run, _ = device.boot(LD_PRELOAD="/out/faults.so", FAULT=f"{name}:{nth}{on}")
+        made = b"STRUCK" in run.err
+    return run, [] if made else [("reached", f"{case.name} was not made")]
+
+
+def struck_by(case: Strike, boot: Boot) -> List[Call]:
+    """Nothing depends on what is written to standard output and error."""
+    later = [call for call in [*boot.calls[case.call.at + 1 :], *MEMORY] if case.on and call.name == case.call.name]
+    return [call for call in [case.call, *later] if not TERMINAL.match(call.text)]
 
 
 def table(counts: Dict[str, Counter[str]]) -> str:

@@ -10,25 +10,17 @@ from pathlib import Path
 import re
 from typing import Any, Callable, Collection, Dict, FrozenSet, List, NamedTuple, Optional, Sequence, Set, Tuple
 
-from vortadev import phone, records
+from vortadev import phone, records, sandbox
 from vortadev.check import differing_byte
 from vortadev.device import Image
 from vortadev.records import DUMP_HEADER, LOG_REGIONS, REASON_HEADER
 
-from boots import LOGS, STEPS
+from boots import DERIVED, LOGS, STEPS
 from calls import Call
-from state import FIELDS, RUN_TIME, Device, Run, State
+from state import FIELDS, RUN, Device, State
 
 FAULT, CUT, NEXT = "a boot with a fault", "a cut boot", "the boot after it"
 SANITIZER = re.compile(rb"ERROR: \w+Sanitizer|runtime error:")
-# What the daemon writes over a reason, and the texts of the reason.
-DERIVED = {
-    "innerResetReason": records.RESET_NORMAL,
-    "bootLevel": 1,
-    "mreasonStrFlag": records.TEXT_VALID,
-    "sreasonStrFlag": records.TEXT_VALID,
-}
-TEXTS = ("mreasonStr", "sreasonStr")
 # Calls whose failure the daemon does not tell: those that only take or give back memory, processes, descriptors and
 # names, looks into folders, and what goes through the shell and the packing.
 SILENT = re.compile(
@@ -79,7 +71,7 @@ class Case(NamedTuple):
     stage: str
     before: State
     after: State
-    run: Optional[Run] = None
+    run: Optional[sandbox.Run] = None
     affected: FrozenSet[str] = frozenset()
     failed: str = ""
     error: str = ""
@@ -126,8 +118,8 @@ def derived(node: bytes, base: bytes) -> bytes:
     start = bytes(records.REASON_NODE_REGION.offset)
     header = bytearray(start + base)
     for name, value in DERIVED.items():
-        REASON_HEADER.put(header, name, value)
-    for field in map(REASON_HEADER.field, TEXTS):
+        REASON_HEADER.put(header, name, records.magic(value) if isinstance(value, str) else value)
+    for field in map(REASON_HEADER.field, ("mreasonStr", "sreasonStr")):
         header[field.offset : field.offset + field.size] = (start + node)[field.offset :][: field.size - 1] + b"\0"
     return bytes(header[len(start) :])
 
@@ -189,7 +181,7 @@ def history(case: Case) -> str:
         return "earlier lines changed"
     added = after[len(before) :] if kept else after
     entries, damaged = phone.parse_history(added.decode("latin-1"))
-    whole = len(entries) == 1 and not damaged and RUN_TIME.fullmatch(entries[0].time)
+    whole = len(entries) == 1 and not damaged and re.fullmatch(RUN, entries[0].time)
     if added and not (whole and added.count(b"\n") == 1 and not (kept and before[-1:] not in (b"", b"\n"))):
         return f"gained {added[-60:]!r}"
     wanted = case.stage == NEXT or case.stage == FAULT and "history" not in case.affected
@@ -207,20 +199,17 @@ def unlogged(case: Case) -> str:
 
 
 def not_collected(case: Case) -> str:
-    """A boot without faults collects all that was marked as waiting before it."""
+    """A boot without faults collects all that was marked as waiting before it, and a reboot's kernel log once."""
     boot, files = case.boot, case.after.files
     old, new = evidence(boot, case.before), evidence(boot, case.after)
     left = [name for name in old if old[name][0] and new[name] != (False, True)]
     if REASON_HEADER.number(case.before.region(records.REASON_REGION), "bootLevel") >= records.ABNORMAL_LEVEL:
         made = [(name, [files.get(folder + name) for folder in case.folders()]) for name in (*LOGS, phone.DONE_NAME)]
         left += [name for name, texts in made if not any(text in boot.right(f"/{name}") for text in texts)]
+    times = sum(text in boot.right("/last_kmsg") for text in case.after.found("/last_kmsg").values())
+    if times > 1 and "node" not in case.affected:
+        return f"{times} collections of one kernel log"
     return f"still waiting: {', '.join(left)}" if left else ""
-
-
-def reported_twice(case: Case) -> str:
-    """One reboot's kernel log is collected once."""
-    times = sum(text in case.boot.right("/last_kmsg") for text in case.after.found("/last_kmsg").values())
-    return f"{times} collections of one kernel log" if times > 1 and "node" not in case.affected else ""
 
 
 # The boots that each is checked after, and the check: what is wrong, empty if what it says of itself holds.
@@ -234,7 +223,6 @@ INVARIANTS: Dict[str, Tuple[Sequence[str], Callable[[Case], str]]] = {
     "history": ((FAULT, CUT, NEXT), history),
     "logged": ((FAULT,), unlogged),
     "collected": ((NEXT,), not_collected),
-    "once": ((NEXT,), reported_twice),
 }
 Broken = Tuple[str, str]  # invariant, what is wrong
 

@@ -13,20 +13,20 @@ from typing import Callable, Dict, List, Sequence, Set, Tuple
 from vortadev.device import BLOCK
 
 from calls import Call
-from state import RUN_TIME, State, plain_times
+from state import RUN_TIME, State
 
 
 @dataclass
 class Storage:
-    """What storage has for certain: whole files, and names. What the shell makes is in neither, before its flush. `made`
-    are the names that were there or that the daemon made, the newest last; `through` tells of a descriptor whether it
-    is written through."""
+    """What storage has for certain: whole files, and names. What the shell makes is in neither before its flush. `made`
+    are the names that were there or that the daemon made, the newest last; `through` the descriptors that are written
+    through."""
 
     made: List[str]
     whole: Set[str]
     named: Set[str]
     removed: Set[str] = field(default_factory=set)
-    through: Dict[str, bool] = field(default_factory=dict)
+    through: Set[str] = field(default_factory=set)
 
     def make(self, name: str) -> None:
         if name not in self.made:
@@ -39,12 +39,12 @@ class Storage:
         self.removed.add(name)
 
     def open(self, name: str, flags: str, descriptor: str) -> None:
-        self.through[descriptor] = "O_SYNC" in flags
+        self.through = self.through | {descriptor} if "O_SYNC" in flags else self.through - {descriptor}
         if "O_CREAT" in flags:
             self.make(name)
 
     def write(self, descriptor: str, name: str) -> None:
-        if self.through[descriptor]:
+        if descriptor in self.through:
             self.named.add(name)
         else:
             self.whole.discard(name)
@@ -65,42 +65,43 @@ def storage_after(calls: Sequence[Call], before: State) -> Storage:
         r"write\((\d+)<(/data/[^>]*)>": storage.write,
         r"fsync\(\d+<(/data/[^>]*)>\) = 0": storage.flush,
     }
-    plain = plain_times((time[0] for call in calls for time in RUN_TIME.finditer(call.text)), before.times)
     for call in calls:
-        text = RUN_TIME.sub(lambda time: plain[time[0]], call.text).replace("//", "/")
+        text = RUN_TIME.sub(before.next_time, call.text).replace("//", "/")
         for pattern, happens in play.items():
             if found := re.match(pattern, text):
                 happens(*found.groups())
     return storage
 
 
-# The ways that storage may look: what is found of a file that is not whole, which of the new names are lacking (a
-# pattern), and whether the removed ones are back.
-WAYS: Dict[str, Tuple[Callable[[bytes], bytes], str, bool]] = {
-    "all there": (lambda data: data, "$^", False),
-    "unflushed bytes absent": (lambda data: b"", "$^", False),
-    "torn in the middle": (lambda data: data[: len(data) // 2 // BLOCK * BLOCK], "$^", False),
-    "first 4 KiB absent": (lambda data: bytes(len(data[:BLOCK])) + data[BLOCK:], "$^", False),
-    "new folders absent": (lambda data: data, "/$", False),
-    "new names absent": (lambda data: b"", "", False),
-    "the newest name absent": (lambda data: data, "NEWEST", False),
-    "removed names back": (lambda data: data, "$^", True),
+# The ways that storage may look: how much is found of a file that is not whole (by its bytes), and which of the new
+# names are lacking (a pattern). In the last one removed names are back, and in the one before the newest is lacking.
+BACK, NEWEST = "removed names back", "the newest name absent"
+WAYS: Dict[str, Tuple[Callable[[bytes], bytes], str]] = {
+    "all there": (bytes, "$^"),
+    "unflushed bytes absent": (lambda data: b"", "$^"),
+    "torn in the middle": (lambda data: data[: len(data) // 2 // BLOCK * BLOCK], "$^"),
+    "first 4 KiB absent": (lambda data: bytes(len(data[:BLOCK])) + data[BLOCK:], "$^"),
+    "new folders absent": (bytes, "/$"),
+    "new names absent": (lambda data: b"", ""),
+    NEWEST: (bytes, ""),
+    BACK: (bytes, "$^"),
 }
 
 
 def after_cut(before: State, now: State, storage: Storage) -> List[Tuple[str, State]]:
     """The ways that storage may look after the cut, each once."""
-    newest = next((f"{re.escape(name)}$" for name in reversed(storage.made) if name not in storage.named), "$^")
+    unsure = [name for name in storage.made if name not in storage.named]
     back = {name: data for name, data in before.files.items() if name.rstrip("/") in storage.removed}
     found: Dict[int, Tuple[str, State]] = {}
-    for way, (content, lacking, returns) in WAYS.items():
-        pattern = newest if lacking == "NEWEST" else lacking
-        lost = tuple(name for name in now.files.keys() - storage.named if re.search(pattern, name))
+    for way, (content, lacking) in WAYS.items():
+        candidates = unsure[-1:] if way == NEWEST else now.files.keys() - storage.named
+        lost = [name for name in candidates if re.search(lacking, name)]
+        below = tuple(name for name in lost if name.endswith("/"))
         files = {
             name: data if name in storage.whole else content(data)
             for name, data in now.files.items()
-            if name not in lost and not name.startswith(tuple(folder for folder in lost if folder.endswith("/")))
+            if name not in lost and not name.startswith(below)
         }
-        state = State(now.partitions, files | back if returns else files)
+        state = State(now.partitions, {**files, **back} if way == BACK else files)
         found.setdefault(state.digest, (way, state))
     return list(found.values())

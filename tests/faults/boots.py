@@ -20,7 +20,12 @@ FULLDUMP_SIZE = 1200000  # three chunks of a copy
 FULL_DONE = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}"
 OLD_DUMP = f"{phone.FULLDUMPLOG}/old-{phone.FULLDUMP_NAME}"[len("/data/") :]
 # What the daemon writes over a reason, besides the texts.
-DERIVED = {"innerResetReason": "NMAL", "bootLevel": 1, "mreasonStrFlag": "VALD", "sreasonStrFlag": "VALD"}
+DERIVED: Dict[str, int | str] = {
+    "innerResetReason": "NMAL",
+    "bootLevel": 1,
+    "mreasonStrFlag": "VALD",
+    "sreasonStrFlag": "VALD",
+}
 
 
 def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str, Any]:
@@ -60,7 +65,7 @@ def marked(size: int) -> Fill:
 
 
 def read(name: str) -> Scenario:
-    """The scenario, with less text in its logs, which the phone's tools are slow with, and less to pack in its dumps."""
+    """With less text in the logs, which the phone's tools are slow with, and less to pack in the dumps."""
     wanted = scenario.parse(SCENARIOS[name], Path(f"{name}.json"))
     text = {log: "".join(f"{log} line {n}\n" for n in range(3)).encode() for log in records.LOG_REGIONS}
     return replace(
@@ -91,7 +96,6 @@ PROPERTIES = rf"^openat\(.*{phone.BUILD_PROP}"
 AT_MINIDUMP = rf"^lseek\(.*by-name/rawdump>, {records.MINIDUMP_REGION.offset}"
 COLLECTED = "folder|node|log .*"
 
-
 STEPS = [
     Step("start"),
     Step("flags", PROPERTIES, "start", carries="corvel|minidump|full.*"),
@@ -106,19 +110,17 @@ STEPS = [
         for log, step in LOGS.items()
     ),
     Step("node", r"^lseek\(.*by-name/rawdump>, 0, SEEK_SET", COLLECTED, leaves="^node$", carries="told"),
-    Step("minidump", AT_MINIDUMP, COLLECTED, leaves=f"^minidump$|{RUN}/{phone.RAWDUMP_NAME}$"),
-    Step("marker", rf'^openat\(.*-\d+/{phone.DONE_NAME}"', leaves=f"{RUN}/{phone.DONE_NAME}$"),
+    Step("minidump", AT_MINIDUMP, COLLECTED, leaves=f"^minidump$|{RUN}/rawdump.bin$"),
+    Step("marker", r'^openat\(.*-\d+/DONE"', leaves=f"{RUN}/DONE$"),
     Step("factory", PROPERTIES, "marker", leaves=FACTORY_EVENTS),
     Step("history", r"^openat\(.*history\.log.*O_APPEND", carries="told"),
     # What the history says: it depends on more than that it has a line of this boot.
     Step("told", leaves=f"^{phone.HISTORY}$"),
     Step("usertype", PROPERTIES, "history", leaves="^usertype$"),
     Step("meta", r'^openat\(.*bootfail_info"', leaves="^meta$", carries="full.*"),
-    Step(
-        "fulldump", r'^openat\(.*by-name/userdata"', leaves=f"^fulldump$|{RUN}-{phone.FULLDUMP_NAME}$", carries="full.*"
-    ),
+    Step("fulldump", r'^openat\(.*by-name/userdata"', leaves=f"^fulldump$|{RUN}-fulldump.bin$", carries="fullmarker"),
     Step("fullmarker", f"^openat.*{FULL_DONE}", leaves=FULL_DONE),
-    Step("purge", r'^openat\(.*/fulldumplog", .*O_DIRECTORY', "meta", leaves=f"{phone.FULLDUMP_NAME}$"),
+    Step("purge", r'^openat\(.*/fulldumplog", .*O_DIRECTORY', "meta", leaves="fulldump.bin$"),
     Step("board", r"^openat\(.*boardid", leaves="^board$"),
     Step("remote", AT_MINIDUMP, "board"),
 ]

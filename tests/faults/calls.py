@@ -45,8 +45,7 @@ ERRORS = {
 
 
 class Call(NamedTuple):
-    """A call of a traced boot. `nth` counts the calls of its name from the start of the process, as strace's when= does;
-    `at` is its place among all of them."""
+    """A call of a traced boot. `at` is its place among all, `nth` among those of its name, as strace's when= counts."""
 
     at: int
     name: str
@@ -98,8 +97,8 @@ def strikes(boot: str, calls: Sequence[Call]) -> List[Strike]:
     repeated by contract, for ever if they never end. So do failing closes: strace leaves the file open, which a kernel
     never does and which blocks a pipe."""
     once = [Strike(boot, call, error, False) for call in calls for error in errors_of(call)]
-    on = [strike._replace(on=True) for strike in once if strike.error not in ("EINTR", "none")]
-    return sorted(once + [strike for strike in on if strike.call.name != "close"])
+    lasting = [strike for strike in once if strike.error not in ("EINTR", "none") and strike.call.name != "close"]
+    return sorted(once + [strike._replace(on=True) for strike in lasting])
 
 
 def parse(trace: Sequence[str]) -> List[Call]:

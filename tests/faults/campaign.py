@@ -186,12 +186,13 @@ class Campaign:
         print(table(self.counts))
         for case, _, wrong, *_ in broken[:10]:
             print("", f"BROKEN {case}", *(f"  {name}: {what}" for name, what in wrong), sep="\n")
-        print(*(f"{count} known by {fault}" for fault, count in known.items()), sep="\n")
-        print(*(f"STALE, no fault shows it any more; strike it out: {fault}\n" for fault in stale), end="")
+        for fault, count in known.items():
+            print(f"{count} known by {fault}")
+        for fault in stale:
+            print(f"STALE, no fault shows it any more; strike it out: {fault}")
         if broken:
-            print(
-                f"scripts/{self.program} --daemon {self.options.daemon} --only '^{broken[0].case.split()[0]}$' repeats one"
-            )
+            repeat = f"scripts/{self.program} --daemon {self.options.daemon} --only"
+            print(f"To repeat the first: {repeat} '^{broken[0].case.split()[0]}$'")
         print(f"{len(broken)} broken, {sum(known.values())} known, {len(stale)} stale")
         result = {"boots": self.counts, "broken": [case._asdict() for case in broken], "known": known, "stale": stale}
         self.options.json.write_text(json.dumps(result, indent=2) + "\n")

@@ -25,8 +25,9 @@ SANITIZER = re.compile(rb"ERROR: \w+Sanitizer|runtime error:")
 # names, looks into folders, and what goes through the shell and the packing.
 SILENT = re.compile(
     r"(brk|mmap|mprotect|clone3?|v?fork|close|getdents64|pipe2?|wait4|rmdir)\(|unlink\((?!.*shipmode)"
-    r"|openat\(.*/dumplog[/\"].*O_RDONLY\|O_(NONBLOCK|CLOEXEC\))|newfstatat\((?!\d+<.*history\.log|.*(_tmp|/tmp\.bin)\")"
-    r"|read\(\d+<(pipe:|.*/tmp\.bin>)|write\(([12]<|.*/rawdump\.bin>)"
+    r"|openat\(.*/dumplog[/\"].*O_RDONLY\|O_(NONBLOCK|CLOEXEC\))"
+    r"|newfstatat\((?!\d+<.*history\.log|.*(_tmp|/tmp\.bin)\")|read\(\d+<(pipe:|.*/tmp\.bin>)"
+    r"|write\(([12]<|.*/rawdump\.bin>)"
 )
 
 

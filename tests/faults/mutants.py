@@ -51,9 +51,8 @@ def build(changes: Dict[str, str], tree: Path) -> Path:
 
 def noticed(part: str, only: str, daemon: Path, jobs: str) -> List[str]:
     """What a campaign said of the daemon: nothing if it found nothing wrong."""
-    result = daemon.with_name("result.json")
-    command = [ROOT / "scripts" / part, "--short", "--only", only, "--daemon", daemon, "--jobs", jobs, "--json", result]
-    run = subprocess.run(command, capture_output=True, text=True, check=False)
+    command = [f"{ROOT}/scripts/{part}", "--short", "--only", only, "--daemon", str(daemon), "--jobs", jobs]
+    run = subprocess.run([*command, "--json", f"{daemon}.json"], capture_output=True, text=True, check=False)
     wrong = re.findall(r"BROKEN .*\n.*|.*breaks without any fault.*", run.stdout + run.stderr)
     if run.returncode and not wrong:
         raise SystemExit(f"tests/faults/mutants.py: scripts/{part} ended with {run.returncode}: {run.stderr}")
@@ -65,11 +64,20 @@ def main(jobs: str = "2") -> int:
     with tempfile.TemporaryDirectory(prefix="mutants-") as folder:
         tree = Path(folder) / "tree"
         shutil.copytree(ROOT, tree, ignore=shutil.ignore_patterns("build", ".git"))
-        configure = ["cmake", "-S", tree, "-B", tree / "build", "-G", "Ninja", "-DCMAKE_BUILD_TYPE=RelWithDebInfo"]
+        configure = [
+            "cmake",
+            "-S",
+            str(tree),
+            "-B",
+            f"{tree}/build",
+            "-G",
+            "Ninja",
+            "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
+        ]
         subprocess.run(configure, check=True, capture_output=True)
         for name, changes in MUTANTS.items():
             daemon = build(changes, tree)
-            print(name, end=":\n", flush=True)
+            print(f"{name}:", flush=True)
             found = {part: noticed(part, only, daemon, jobs) for part, only in PARTS.items()}
             for part, lines in found.items():
                 print(f"    {part}: {'; '.join(lines) or 'nothing broke'}", flush=True)

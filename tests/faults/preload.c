@@ -1,5 +1,5 @@
-/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:N or CALL:N+ and strikes the
- * N-th call, or all from the N-th on:
+/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:N or CALL:N+ and strikes
+ * the N-th call, or all from the N-th on:
  *     write      writes the first half of the bytes (at least one)
  *     malloc     no memory, for a call of the daemon's own
  *     asprintf   the same for a text

@@ -98,7 +98,7 @@ class Device:
         return replace(self, folder=folder)
 
     def boot(self, *expressions: str, **environment: str) -> Tuple[sandbox.Run, List[str]]:
-        """Runs the daemon once, under strace if that is told by expressions what to do. Gives what strace wrote, too."""
+        """Runs the daemon once, below strace if there are expressions for it. Gives what strace wrote, too."""
         out = self.folder / "out"
         options = sandbox.Options(daemon=self.daemon, timeout=TIME_LIMIT, binds=[(str(out), "/out")])
         # The leak check cannot run below strace.

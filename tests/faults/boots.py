@@ -20,12 +20,7 @@ FULLDUMP_SIZE = 1200000  # three chunks of a copy
 FULL_DONE = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}"
 OLD_DUMP = f"{phone.FULLDUMPLOG}/old-{phone.FULLDUMP_NAME}"[len("/data/") :]
 # What the daemon writes over a reason, besides the texts.
-DERIVED: Dict[str, int | str] = {
-    "innerResetReason": "NMAL",
-    "bootLevel": 1,
-    "mreasonStrFlag": "VALD",
-    "sreasonStrFlag": "VALD",
-}
+DERIVED: Any = {"innerResetReason": "NMAL", "bootLevel": 1, "mreasonStrFlag": "VALD", "sreasonStrFlag": "VALD"}
 
 
 def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str, Any]:

@@ -12,7 +12,7 @@ import re
 import subprocess
 import sys
 import tempfile
-from typing import Any, Dict, FrozenSet, Hashable, List, NamedTuple, Sequence, Tuple
+from typing import Dict, FrozenSet, Hashable, List, NamedTuple, Sequence, Tuple
 
 from vortadev import check, device as devices, sandbox
 from vortadev.bubblewrap import BUILT_DAEMON
@@ -27,6 +27,7 @@ from storage import after_cut, storage_after
 
 LOOP, SHORT_LOOP, SHORT_STRIDE = 100, 5, 13
 TERMINAL = re.compile(r"write\([12]<")
+STORES = re.compile(r"write\(.*by-name/")
 CHANGES = re.compile(r"(write\((?![12]<)|openat\(.*O_CREAT|mkdir|unlink|rmdir|fsync|clone|wait4|exit_group)")
 Steps = FrozenSet[str]
 
@@ -108,13 +109,10 @@ class Campaign:
         else:
             memory = MEMORY if "told" in boot.steps else MEMORY[:1]  # the corvel service makes no text
             every = [strike for strike in strikes(boot.name, [*kept, *memory]) if not self.sanitized or strike.plain]
-        stores = {
-            n + more for n, call in enumerate(kept) if re.match(r"write\(.*by-name/", call.text) for more in (0, 1)
-        }
-        always = stores if self.cuts else set()
-        sample = self.options.short and not self.options.only
-        chosen = [strike for n, strike in enumerate(every) if not sample or n % SHORT_STRIDE == 0 or n in always]
-        chosen = [strike for strike in chosen if re.search(self.options.only, strike.name)]
+        chosen = [strike for strike in every if re.search(self.options.only, strike.name)]
+        if self.options.short and not self.options.only:
+            stores = {n for n, (_, call, error, _) in enumerate(every) if error == POWER and STORES.match(call.text)}
+            chosen = [strike for n, strike in enumerate(every) if n % SHORT_STRIDE == 0 or {n - 1, n} & stores]
         counts = {"calls": len(calls), "merged": len(calls) - len(kept), "left out": len(every) - len(chosen)}
         self.counts[boot.name] = Counter(counts)
         return chosen
@@ -183,7 +181,8 @@ class Campaign:
         stale = [hazard["fault"] for hazard in self.hazards if hazard["fault"] not in known and not sample]
         for outcome in outcomes:
             self.counts[outcome.boot].update(outcome.tried)
-        print(table(self.counts))
+        for name, counts in [*self.counts.items(), ("all", sum(self.counts.values(), Counter[str]()))]:
+            print(f"{name:<10}" + "  ".join(f"{count:>4} {what}" for what, count in counts.items()))
         for case, _, wrong, *_ in broken[:10]:
             print("", f"BROKEN {case}", *(f"  {name}: {what}" for name, what in wrong), sep="\n")
         for fault, count in known.items():
@@ -226,14 +225,6 @@ def struck_by(case: Strike, boot: Boot) -> List[Call]:
     """Nothing depends on what is written to standard output and error."""
     later = [call for call in [*boot.calls[case.call.at + 1 :], *MEMORY] if case.on and call.name == case.call.name]
     return [call for call in [case.call, *later] if not TERMINAL.match(call.text)]
-
-
-def table(counts: Dict[str, Counter[str]]) -> str:
-    columns = list(dict.fromkeys(key for count in counts.values() for key in count))
-    rows: List[Tuple[str, Sequence[Any]]] = [("boot", columns)]
-    rows += [(name, [count[key] for key in columns]) for name, count in counts.items()]
-    rows.append(("all", [sum(count[key] for count in counts.values()) for key in columns]))
-    return "\n".join(f"{name:<10}" + "".join(f"{cell:>10}" for cell in cells) for name, cells in rows)
 
 
 if __name__ == "__main__":

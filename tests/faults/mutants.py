@@ -35,56 +35,46 @@ MUTANTS: Dict[str, Dict[str, str]] = {
 }
 
 
-def build(changes: Dict[str, str], tree: Path) -> Path:
-    for folder in ("handle", "rainbow"):
-        shutil.rmtree(tree / folder, ignore_errors=True)
-        shutil.copytree(ROOT / folder, tree / folder, copy_function=shutil.copy)  # new times: all of it is built
-    sources = [source for folder in ("handle", "rainbow") for source in (tree / folder).glob("*.cpp")]
+def build(changes: Dict[str, str], tree: Path) -> str:
+    sources: List[Path] = []
+    for folder in ("handle", "rainbow"):  # copied with new times, so that all of it is built
+        shutil.copytree(ROOT / folder, tree / folder, copy_function=shutil.copy, dirs_exist_ok=True)
+        sources += (tree / folder).glob("*.cpp")
     for pattern, replacement in changes.items():
         places = [source for source in sources for _ in re.finditer(pattern, source.read_text())]
         if len(places) != 1:
             raise SystemExit(f"tests/faults/mutants.py: {pattern} matches {len(places)} places; expected one")
         places[0].write_text(re.sub(pattern, replacement, places[0].read_text()))
     subprocess.run(["cmake", "--build", tree / "build", "--target", "vorta"], check=True, capture_output=True)
-    return tree / "build/vorta"
+    return f"{tree}/build/vorta"
 
 
-def noticed(part: str, only: str, daemon: Path, jobs: str) -> List[str]:
-    """What a campaign said of the daemon: nothing if it found nothing wrong."""
-    command = [f"{ROOT}/scripts/{part}", "--short", "--only", only, "--daemon", str(daemon), "--jobs", jobs]
-    run = subprocess.run([*command, "--json", f"{daemon}.json"], capture_output=True, text=True, check=False)
+def noticed(part: str, only: str, daemon: str, jobs: str) -> str:
+    """What a campaign said of the daemon; empty if it found nothing wrong."""
+    options = ["--short", "--only", only, "--daemon", daemon, "--jobs", jobs, "--json", f"{daemon}.json"]
+    run = subprocess.run([f"{ROOT}/scripts/{part}", *options], capture_output=True, text=True, check=False)
     wrong = re.findall(r"BROKEN .*\n.*|.*breaks without any fault.*", run.stdout + run.stderr)
     if run.returncode and not wrong:
         raise SystemExit(f"tests/faults/mutants.py: scripts/{part} ended with {run.returncode}: {run.stderr}")
-    return wrong and [" ".join(wrong[0].split())[:200], *run.stdout.splitlines()[-1:]]
+    return f"{' '.join(wrong[0].split())[:300]} {run.stdout.splitlines()[-1:]}" if wrong else ""
 
 
 def main(jobs: str = "2") -> int:
-    wrong = 0
+    status = 0
     with tempfile.TemporaryDirectory(prefix="mutants-") as folder:
         tree = Path(folder) / "tree"
         shutil.copytree(ROOT, tree, ignore=shutil.ignore_patterns("build", ".git"))
-        configure = [
-            "cmake",
-            "-S",
-            str(tree),
-            "-B",
-            f"{tree}/build",
-            "-G",
-            "Ninja",
-            "-DCMAKE_BUILD_TYPE=RelWithDebInfo",
-        ]
-        subprocess.run(configure, check=True, capture_output=True)
+        configure = ["cmake", "-S", str(tree), "-B", f"{tree}/build", "-G", "Ninja"]
+        subprocess.run([*configure, "-DCMAKE_BUILD_TYPE=RelWithDebInfo"], check=True, capture_output=True)
         for name, changes in MUTANTS.items():
             daemon = build(changes, tree)
-            print(f"{name}:", flush=True)
             found = {part: noticed(part, only, daemon, jobs) for part, only in PARTS.items()}
-            for part, lines in found.items():
-                print(f"    {part}: {'; '.join(lines) or 'nothing broke'}", flush=True)
-            if any(found.values()) != bool(changes):
-                wrong += 1
-                print("    WRONG")
-    return 1 if wrong else 0
+            right = any(found.values()) == bool(changes)
+            status |= not right
+            print(name, "" if right else "  <-- WRONG")
+            for part, said in found.items():
+                print(f"    {part}: {said or 'nothing broke'}", flush=True)
+    return status
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@ from dataclasses import replace
 from pathlib import Path
 from random import Random
 import re
-from typing import Any, Dict, List, NamedTuple, Sequence, Set, Tuple
+from typing import Any, Dict, List, NamedTuple, Sequence
 
 from vortadev import phone, records, scenario
 from vortadev.content import Fill
@@ -125,13 +125,6 @@ STEPS = [
 ALONE = re.compile(
     r"^(f?chmod|f?chown|unlink|rmdir|newfstatat|fstat|stat|close|pipe2?|clone3?|v?fork|wait4)\(|^write\(.*bootfail_info"
 )
-
-
-def affected_by(calls: Sequence[Tuple[str, str]]) -> Set[str]:
-    """The steps that cannot be expected when these calls (text, step) fail."""
-    stopped = {step for text, step in calls if not ALONE.match(text) or step == "history"}
-    carried = "|".join(step.carries for step in STEPS if step.name in stopped)
-    return {step for _, step in calls} | {step.name for step in STEPS if re.fullmatch(carried, step.name)}
 
 
 def steps_of(calls: Sequence[str]) -> List[str]:

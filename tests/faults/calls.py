@@ -5,12 +5,12 @@ from __future__ import annotations
 
 from collections import Counter
 import re
-from typing import Dict, List, NamedTuple, Sequence
+from typing import Dict, FrozenSet, List, NamedTuple, Sequence
 
 from vortadev import phone
 from vortadev.device import FACTORY_EVENTS
 
-from boots import steps_of
+from boots import ALONE, STEPS, steps_of
 
 # main begins with its look at standard output, before "StartVorta"; what stands above is the loader's.
 FIRST_OF_MAIN = re.compile(r"^(newfstatat|fstat)\(1<")
@@ -77,11 +77,6 @@ class Strike(NamedTuple):
         return f"{self.boot}:{self.call.name}:{self.call.nth}:{self.error}:{'on' if self.on else 'once'}"
 
     @property
-    def plain(self) -> bool:
-        """Whether it needs neither the library nor the memory that a sanitizer build has for itself."""
-        return bool(self.injected) and self.call.name not in ("brk", "mmap", "mprotect")
-
-    @property
     def injected(self) -> str:
         """What strace is told; nothing where it takes the preloaded library, as strace can neither shorten a write nor
         see a call of the C library."""
@@ -141,3 +136,11 @@ def thinned(calls: Sequence[Call], above: int) -> List[Call]:
     for group in groups.values():
         kept += [*group[:2], group[len(group) // 2], *group[-2:]] if len(group) > above else group
     return sorted(kept)
+
+
+def affected_by(calls: Sequence[Call]) -> FrozenSet[str]:
+    """The steps that cannot be expected when these calls fail."""
+    stopped = {call.step for call in calls if not ALONE.match(call.text) or call.step == "history"}
+    carried = "|".join(step.carries for step in STEPS if step.name in stopped)
+    steps = {step.name for step in STEPS if re.fullmatch(carried, step.name)}
+    return frozenset(steps.union(call.step for call in calls))

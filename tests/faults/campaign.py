@@ -18,8 +18,8 @@ from vortadev import check, device as devices, sandbox
 from vortadev.bubblewrap import BUILT_DAEMON
 from vortadev.phone import TMP_SUFFIX
 
-from boots import LOGS, SCENARIOS, affected_by, read
-from calls import MEMORY, POWER, Call, Strike, of_daemon, parse, strikes, thinned
+from boots import LOGS, SCENARIOS, read
+from calls import MEMORY, POWER, Call, Strike, affected_by, of_daemon, parse, strikes, thinned
 from invariants import CUT, FAULT, NEXT, Boot, Broken, Case, errors, judge, load_hazards
 from program import ROOT, CommandLine, need, progress
 from state import Device, State
@@ -30,6 +30,8 @@ TERMINAL = re.compile(r"write\([12]<")
 STORES = re.compile(r"write\(.*by-name/")
 CHANGES = re.compile(r"(write\((?![12]<)|openat\(.*O_CREAT|mkdir|unlink|rmdir|fsync|clone|wait4|exit_group)")
 Steps = FrozenSet[str]
+# What needs the preloaded library, or the memory that a sanitizer build has for itself.
+OWN = re.compile(":(half|brk|mmap|mprotect|malloc|asprintf):")
 
 
 class Outcome(NamedTuple):
@@ -108,7 +110,8 @@ class Campaign:
             every = [Strike(boot.name, call, POWER, False) for call in kept]
         else:
             memory = MEMORY if "told" in boot.steps else MEMORY[:1]  # the corvel service makes no text
-            every = [strike for strike in strikes(boot.name, [*kept, *memory]) if not self.sanitized or strike.plain]
+            every = strikes(boot.name, [*kept, *memory])
+            every = [strike for strike in every if not (self.sanitized and OWN.search(strike.name))]
         chosen = [strike for strike in every if re.search(self.options.only, strike.name)]
         if self.options.short and not self.options.only:
             stores = {n for n, (_, call, error, _) in enumerate(every) if error == POWER and STORES.match(call.text)}
@@ -126,7 +129,7 @@ class Campaign:
             made = boot.calls[: case.call.at]
             broken += self.states_after(boot, device, boot.first, made, tried, not self.options.short)
         else:
-            affected = frozenset(affected_by([(call.text, call.step) for call in struck]))
+            affected = affected_by(struck)
             after = device.read(boot.first)
             broken += judge(Case(boot, FAULT, boot.first, after, run, affected, case.call.text, case.error))
             broken += self.boot_after(boot, device, after, affected, tried, False)
@@ -212,13 +215,11 @@ def strike(case: Strike, calls: Sequence[Call], device: Device) -> Tuple[sandbox
     if case.injected:
         run, trace = device.boot(f"trace={name}", f"inject={name}:{case.injected}:when={nth}{on}")
         made = any("(INJECTED)" in line or "killed by SIGKILL" in line for line in trace)
-    else:
-        if case.error == "half":  # the library does not see what the C library writes to the terminal
-            writes = [call for call in of_daemon(calls) if call.name == name and not TERMINAL.match(call.text)]
-            nth = writes.index(case.call) + 1
-        run, _ = device.boot(LD_PRELOAD="/out/faults.so", FAULT=f"{name}:{nth}{on}")
-        made = b"STRUCK" in run.err
-    return run, [] if made else [("reached", f"{case.name} was not made")]
+        return run, [] if made else [("reached", f"{case.name} was not made")]
+    if case.error == "half":  # the library does not see what the C library writes to the terminal
+        writes = [call for call in of_daemon(calls) if call.name == name and not TERMINAL.match(call.text)]
+        nth = writes.index(case.call) + 1
+    return device.boot(LD_PRELOAD="/out/faults.so", FAULT=f"{name}:{nth}{on}")[0], []
 
 
 def struck_by(case: Strike, boot: Boot) -> List[Call]:

@@ -2,8 +2,7 @@
  * the N-th call, or all from the N-th on:
  *     write      writes the first half of the bytes (at least one)
  *     malloc     no memory, for a call of the daemon's own
- *     asprintf   the same for a text
- * The first strike is told on standard error. */
+ *     asprintf   the same for a text */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -15,7 +14,7 @@
 #include <unistd.h>
 
 static char call[9], on;
-static long first, counted, told;
+static long first, counted;
 
 __attribute__((constructor)) static void ReadOrder(void) {
     const char* order = getenv("FAULT");
@@ -25,13 +24,7 @@ __attribute__((constructor)) static void ReadOrder(void) {
 }
 
 static int Strikes(const char* name) {
-    if (strcmp(name, call) != 0 || ++counted < first || (counted > first && on != '+')) {
-        return 0;
-    }
-    if (told++ == 0) {
-        (void)syscall(SYS_write, STDERR_FILENO, "STRUCK\n", 7);
-    }
-    return 1;
+    return strcmp(name, call) == 0 && (++counted == first || (counted > first && on == '+'));
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {

@@ -3,7 +3,6 @@ can give on a phone."""
 
 from __future__ import annotations
 
-from collections import Counter
 import re
 from typing import Dict, FrozenSet, List, NamedTuple, Sequence
 
@@ -99,13 +98,9 @@ def strikes(boot: str, calls: Sequence[Call]) -> List[Strike]:
 def parse(trace: Sequence[str]) -> List[Call]:
     """All calls of the process, the loader's included."""
     texts = [line for line in trace if re.match(r"\w+\(", line)]
-    counted: Counter[str] = Counter()
-    calls = []
-    for index, (text, step) in enumerate(zip(texts, steps_of(texts))):
-        name = text.partition("(")[0]
-        counted[name] += 1
-        calls.append(Call(index, name, counted[name], text, step))
-    return calls
+    names = [text.partition("(")[0] for text in texts]
+    nths = [names[: at + 1].count(name) for at, name in enumerate(names)]
+    return list(map(Call, range(len(texts)), names, nths, texts, steps_of(texts)))
 
 
 def of_daemon(calls: Sequence[Call]) -> List[Call]:

@@ -84,7 +84,8 @@ class Case(NamedTuple):
 
 
 def evidence(boot: Boot, state: State) -> Dict[str, Tuple[bool, bool]]:
-    """For each dump of this boot: whether it waits in its partition, and whether a file holds exactly its bytes."""
+    """For each dump of this boot: whether it waits in its partition, and whether a file holds exactly its bytes, which
+    is the file that the boot without faults makes."""
     known = {}
     for name, ending in (("minidump", f"/{phone.RAWDUMP_NAME}"), ("fulldump", f"-{phone.FULLDUMP_NAME}")):
         if name in boot.fields:
@@ -190,8 +191,8 @@ def history(case: Case) -> str:
 
 
 def unlogged(case: Case) -> str:
-    """The log has a line at error level that a boot without faults has not, where a loss is told. Of interruptions
-    those are that are not made good."""
+    """The log has a line at error level that a boot without faults has not, unless this call fails silently by design.
+    An interruption may be made good instead."""
     told = not case.failed or (case.run and errors(case.run.log) - case.boot.told)
     if told or SILENT.match(case.failed) or case.error in ("half", "none"):
         return ""

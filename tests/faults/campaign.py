@@ -21,7 +21,7 @@ from vortadev.phone import TMP_SUFFIX
 from boots import LOGS, SCENARIOS, read
 from calls import MEMORY, POWER, Call, Strike, affected_by, of_daemon, parse, strikes, thinned
 from invariants import CUT, FAULT, NEXT, Boot, Broken, Case, errors, judge, load_hazards
-from program import ROOT, CommandLine, need, progress
+from program import ROOT, CommandLine, need, place_for, progress
 from state import Device, State
 from storage import after_cut, storage_after
 
@@ -55,7 +55,10 @@ class Campaign:
         add("--daemon", type=Path, metavar="PROGRAM", default=daemon, help="e.g. build/asan/vorta (build/host/vorta)")
         add("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json", help="the result for programs")
         self.program, self.options = program, parser.parse_args(sys.argv[2:])
+        if not self.options.daemon.is_file():
+            parser.error(f"{self.options.daemon} is missing; build it first")
         need("demo", "test")
+        place_for(self.options.json)
         self.cuts = program == "powercuts"
         self.hazards = [] if self.cuts else load_hazards()  # no cut breaks anything
         self.sanitized = b"__asan_init" in self.options.daemon.read_bytes()

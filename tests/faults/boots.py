@@ -3,25 +3,24 @@ Everything else in the campaigns is derived from these tables."""
 
 from __future__ import annotations
 
-from dataclasses import dataclass, replace
-import hashlib
-import os
+from dataclasses import replace
 from pathlib import Path
 from random import Random
 import re
-from typing import Any, Callable, Dict, List, Optional, Sequence, Set, Tuple
+from typing import Any, Dict, List, NamedTuple, Sequence
 
 from vortadev import phone, records, scenario
 from vortadev.content import Fill
 from vortadev.device import FACTORY_EVENTS
-from vortadev.records import Region
-from vortadev.scenario import Dump, Scenario
+from vortadev.scenario import Scenario
 
-from state import STAMP, State
+from state import RUN, State
 
 FULLDUMP_SIZE = 1200000  # three chunks of a copy
+FULL_DONE = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}"
 OLD_DUMP = f"{phone.FULLDUMPLOG}/old-{phone.FULLDUMP_NAME}"[len("/data/") :]
-OLD_MARKER = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}"[len("/data/") :]
+# What the daemon writes over a reason, besides the texts.
+DERIVED: Any = {"innerResetReason": "NMAL", "bootLevel": 1, "mreasonStrFlag": "VALD", "sreasonStrFlag": "VALD"}
 
 
 def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str, Any]:
@@ -29,36 +28,11 @@ def outdated(user_type: str = "3", reason: str = "", **changes: Any) -> Dict[str
     normal boot, the derived reason."""
     header: Dict[str, Any] = {"userType": user_type, "boardId": 15}
     if reason:
-        header.update(innerResetReason="NMAL", bootLevel=1, mreasonStrFlag="VALD", sreasonStrFlag="VALD")
-        header.update(mreasonStr="NORMALBOOT", sreasonStr=reason)
-    value: Dict[str, Any] = {
-        "reasonHeader": {"userType": "5", "boardId": 14},
-        "expect": {"reasonHeader": header},
-        **changes,
-    }
+        header.update(DERIVED, mreasonStr="NORMALBOOT", sreasonStr=reason)
+    expect: Dict[str, Any] = {"reasonHeader": header}
     if "meta" not in changes:
-        value["meta"] = {"userType": "5"}
-        value["expect"]["meta"] = {"userType": user_type}
-    return value
-
-
-def marked(size: int) -> Fill:
-    """Zeros with marks of noise, which does not pack, so that the packed dump takes many writes."""
-    noise = Random(size)
-    marks = (b"at %d\n" % at + noise.randbytes(4096) for at in range(0, size, 1 << 16))
-    return Fill(size=size, data=b"".join(mark.ljust(1 << 16, b"\0") for mark in marks)[:size])
-
-
-def read(name: str, value: Dict[str, Any]) -> Scenario:
-    """The scenario, with less text in its logs, which the phone's tools are slow with, and less to pack in its dumps."""
-    wanted = scenario.parse(value, Path(f"{name}.json"))
-    text = {log: "".join(f"{log} line {n}\n" for n in range(3)).encode() for log in records.LOG_REGIONS}
-    return replace(
-        wanted,
-        logs={log: Fill(size=len(lines), data=lines) for log, lines in text.items()},
-        minidump=replace(wanted.minidump, fill=marked(wanted.minidump.size if any(wanted.minidump.header) else 0)),
-        fulldump=wanted.fulldump and replace(wanted.fulldump, fill=marked(wanted.fulldump.size)),
-    )
+        expect["meta"] = {"userType": user_type}
+    return {"reasonHeader": {"userType": "5", "boardId": 14}, "meta": {"userType": "5"}, "expect": expect, **changes}
 
 
 SCENARIOS = {
@@ -69,132 +43,81 @@ SCENARIOS = {
         reason="PS_HOLD",
         fulldump={"size": FULLDUMP_SIZE, "content": None},
         meta={"dumpSize": FULLDUMP_SIZE},
-        data={OLD_MARKER: None},
+        data={FULL_DONE[len("/data/") :]: None},
     ),
     # Without a meta record, which is then rebuilt from the reason header in memory.
     "limits": outdated("1", base="full-history", meta=None, data={OLD_DUMP: {"text": "old"}}),
     "factory": outdated(base="factory-build"),
     "corvel": {"base": "corvel-first-boot"},
 }
-BOOTS = {name: read(name, value) for name, value in SCENARIOS.items()}
 
 
-def header_field(first: str, last: str = "") -> Region:
-    start, end = (records.REASON_HEADER.field(name) for name in (first, last or first))
-    return Region(records.RAWDUMP, start.offset, end.offset + end.size - start.offset)
+def marked(size: int) -> Fill:
+    """Zeros with marks of noise, which does not pack, so that the packed dump takes many writes."""
+    noise = Random(size)
+    marks = (b"at %d\n" % at + noise.randbytes(4096) for at in range(0, size, 1 << 16))
+    return Fill(size=size, data=b"".join(mark.ljust(1 << 16, b"\0") for mark in marks)[:size])
 
 
-def dump_header(partition: str, dump: Optional[Dump]) -> Region:
-    return Region(partition, dump.offset if dump else 0, records.DUMP_HEADER.size)
+def read(name: str) -> Scenario:
+    """With less text in the logs, which the phone's tools are slow with, and less to pack in the dumps."""
+    wanted = scenario.parse(SCENARIOS[name], Path(f"{name}.json"))
+    text = {log: "".join(f"{log} line {n}\n" for n in range(3)).encode() for log in records.LOG_REGIONS}
+    return replace(
+        wanted,
+        logs={log: Fill(size=len(lines), data=lines) for log, lines in text.items()},
+        minidump=replace(wanted.minidump, fill=marked(wanted.minidump.size if any(wanted.minidump.header) else 0)),
+        fulldump=wanted.fulldump and replace(wanted.fulldump, fill=marked(wanted.fulldump.size)),
+    )
 
 
-# What boots write in the partitions. A field is whole, old or new, at any time.
-FIELDS = {
-    "corvel": header_field("corvel"),
-    "node": records.REASON_NODE_REGION,
-    "usertype": header_field("userType"),
-    "board": header_field("boardIdMagic", "boardId"),
-    "minidump": dump_header(records.RAWDUMP, BOOTS["panic"].minidump),
-    "fulldump": dump_header(records.USERDATA, BOOTS["fulldump"].fulldump),
-    "meta": records.META_REGION,
-}
-
-
-def digest(state: State) -> int:
-    """Equal for states that differ in nothing but the times of their runs, in every run of the campaign."""
-    stamps: Dict[str, str] = {}
-
-    def plain(data: bytes) -> bytes:
-        return STAMP.sub(lambda time: stamps.setdefault(time[0], str(len(stamps))), data.decode("latin-1")).encode()
-
-    parts = [state.field(region) for region in FIELDS.values()]
-    for name, content in sorted(state.files.items()):
-        parts += [plain(os.fsencode(name)), plain(content) if name == phone.HISTORY else content]
-    whole = hashlib.blake2b(digest_size=8)
-    for part in parts:
-        whole.update(len(part).to_bytes(8, "little") + part)
-    return int.from_bytes(whole.digest(), "little")
-
-
-@dataclass(frozen=True)
-class Step:
+class Step(NamedTuple):
     """A step of the flow. It begins at the first call that matches `begins` while the step before is one of `after`
-    (none: any). `needs` names the steps without which it cannot be done. `evidence` gives what it leaves; it is done
-    when that equals what a boot without faults leaves."""
+    (empty: any). It is done when the facts that match `leaves` are those that a boot without faults leaves. Without it
+    those of `carries` cannot be expected either. All but the names are patterns."""
 
     name: str
     begins: str = ""
-    after: Sequence[str] = ()
-    needs: Sequence[str] = ()
-    evidence: Callable[[State], Any] = lambda state: None
+    after: str = ""
+    leaves: str = "$^"
+    carries: str = ""
+
+    def evidence(self, state: State) -> Dict[str, Any]:
+        return {name: fact for name, fact in state.facts.items() if re.search(self.leaves, name)}
 
 
-def files_of(name: str) -> Callable[[State], Any]:
-    return lambda state: state.collected(name)
-
-
-def field_of(name: str) -> Callable[[State], Any]:
-    return lambda state: state.field(FIELDS[name])
-
-
-def history_lines(state: State) -> int:
-    return -1 if len(state.history()) > phone.HISTORY_LIMIT else state.history().count(b"\n")
-
-
-def told(state: State) -> List[Tuple[str, str]]:
-    entries, _ = phone.parse_history(state.history().decode("latin-1"))
-    return [(entry.category, entry.reason) for entry in entries]
-
-
-def minidump(state: State) -> Any:
-    return state.field(FIELDS["minidump"]), state.collected(phone.RAWDUMP_NAME)
-
-
-def fulldump(state: State) -> Any:
-    return state.field(FIELDS["fulldump"]), state.fulldumps()
-
-
-def is_there(path: str) -> Callable[[State], Any]:
-    return lambda state: path in state.files
-
-
-# The steps that collect a log, by the log's name; and what one of them needs besides the folder.
-LOGS = {name: f"log {name}" for name in records.LOG_REGIONS}
-BEFORE_LOG = {"last_xbl_abl": (LOGS["xbl_abl"],)}
-AFTER_LOG = ("folder", "node", *LOGS.values())
+LOGS = {name: f"log {name}" for name in records.LOG_REGIONS}  # the steps that collect a log, by its name
 PROPERTIES = rf"^openat\(.*{phone.BUILD_PROP}"
-AT_MINIDUMP = rf"^lseek\(.*by-name/rawdump>, {FIELDS['minidump'].offset}"
-FULL_DONE, DONE = f"{phone.FULLDUMPLOG}/{phone.DONE_NAME}", phone.DONE_NAME
-
-
-def log_step(log: str) -> Step:
-    needs = ("folder", *BEFORE_LOG.get(log, ()))
-    return Step(LOGS[log], rf"^openat\(.*/{log}{phone.TMP_SUFFIX}", (), needs, files_of(log))
-
+AT_MINIDUMP = rf"^lseek\(.*by-name/rawdump>, {records.MINIDUMP_REGION.offset}"
+COLLECTED = "folder|node|log .*"
 
 STEPS = [
     Step("start"),
-    Step("flags", PROPERTIES, ("start",)),
-    Step("header", r'^openat\(.*by-name/rawdump"'),
-    Step("corvel", "", (), ("flags", "header"), field_of("corvel")),
-    Step("reason", r"^pipe2\(", ("header",), ("header",), is_there(phone.SHIPMODE)),
-    Step("prune", r'^openat\(.*/dumplog", .*O_DIRECTORY', ("header", "reason"), ("header",), State.earlier),
-    Step("folder", r"^mkdir\(", (), ("header",), lambda state: len(state.new_folders())),
-    *map(log_step, LOGS),
-    Step("node", r"^lseek\(.*by-name/rawdump>, 0, SEEK_SET", AFTER_LOG, ("folder",), field_of("node")),
-    Step("minidump", AT_MINIDUMP, AFTER_LOG, ("flags", "folder"), minidump),
-    Step("marker", rf'^openat\(.*-\d+/{DONE}"', (), ("folder",), files_of(DONE)),
-    Step("factory", PROPERTIES, ("marker",), ("header",), lambda state: state.files.get(FACTORY_EVENTS)),
-    Step("history", r"^openat\(.*history\.log.*O_APPEND", (), ("header",), history_lines),
-    # What the line of the history says: it depends on more than that there is one.
-    Step("told", "", (), ("history", "reason", "node"), told),
-    Step("usertype", PROPERTIES, ("history",), ("header",), field_of("usertype")),
-    Step("meta", r'^openat\(.*bootfail_info"', (), ("header",), field_of("meta")),
-    Step("fulldump", r'^openat\(.*by-name/userdata"', (), ("flags", "header", "meta"), fulldump),
-    Step("fullmarker", rf"^openat\(.*{FULL_DONE}", (), ("fulldump",), is_there(FULL_DONE)),
-    Step("purge", r'^openat\(.*/fulldumplog", .*O_DIRECTORY', ("meta",), ("header",), State.fulldumps),
-    Step("board", r"^openat\(.*boardid", (), ("header",), field_of("board")),
-    Step("remote", AT_MINIDUMP, ("board",), ("header",)),
+    Step("flags", PROPERTIES, "start", carries="corvel|minidump|full.*"),
+    Step("header", r'^openat\(.*by-name/rawdump"', carries=".*"),
+    Step("corvel", leaves="^corvel$"),
+    Step("reason", r"^pipe2\(", "header", leaves=f"^{phone.SHIPMODE}$", carries="told"),
+    Step("prune", r'^openat\(.*/dumplog", .*O_DIRECTORY', "header|reason", leaves="/dumplog/2024"),
+    Step("folder", r"^mkdir\(", leaves=f"{RUN}/$", carries=f"{COLLECTED}|minidump|marker|told"),
+    *(
+        # The previous boot loader log is not even tried without this boot's.
+        Step(step, rf"^openat\(.*/{log}_tmp", "", f"{RUN}/{log}$", LOGS["last_xbl_abl"] if log == "xbl_abl" else "")
+        for log, step in LOGS.items()
+    ),
+    Step("node", r"^lseek\(.*by-name/rawdump>, 0, SEEK_SET", COLLECTED, leaves="^node$", carries="told"),
+    Step("minidump", AT_MINIDUMP, COLLECTED, leaves=f"^minidump$|{RUN}/rawdump.bin$"),
+    Step("marker", r'^openat\(.*-\d+/DONE"', leaves=f"{RUN}/DONE$"),
+    Step("factory", PROPERTIES, "marker", leaves=FACTORY_EVENTS),
+    Step("history", r"^openat\(.*history\.log.*O_APPEND", carries="told"),
+    # What the history says: it depends on more than that it has a line of this boot.
+    Step("told", leaves=f"^{phone.HISTORY}$"),
+    Step("usertype", PROPERTIES, "history", leaves="^usertype$"),
+    Step("meta", r'^openat\(.*bootfail_info"', leaves="^meta$", carries="full.*"),
+    Step("fulldump", r'^openat\(.*by-name/userdata"', leaves=f"^fulldump$|{RUN}-fulldump.bin$", carries="fullmarker"),
+    Step("fullmarker", f"^openat.*{FULL_DONE}", leaves=FULL_DONE),
+    Step("purge", r'^openat\(.*/fulldumplog", .*O_DIRECTORY', "meta", leaves="fulldump.bin$"),
+    Step("board", r"^openat\(.*boardid", leaves="^board$"),
+    Step("remote", AT_MINIDUMP, "board"),
 ]
 
 # Calls whose failure leaves their own step undone at most: those that need it are expected all the same, but for the
@@ -204,24 +127,12 @@ ALONE = re.compile(
 )
 
 
-def affected_by(calls: Sequence[Tuple[str, str]]) -> Set[str]:
-    """The steps that cannot be expected when these calls (text, step) fail."""
-    stopped = {step for text, step in calls if not ALONE.match(text) or step == "history"}
-    return with_dependents(stopped) | {step for _, step in calls}
-
-
-def with_dependents(failed: Set[str]) -> Set[str]:
-    """The steps that cannot be expected to be done when those given failed."""
-    needing = {step.name for step in STEPS if failed.intersection(step.needs)} - failed
-    return with_dependents(failed | needing) if needing else failed
-
-
 def steps_of(calls: Sequence[str]) -> List[str]:
     """The step that each of a boot's calls belongs to."""
     current, steps = "start", []
     waiting = [step for step in STEPS if step.begins]
     for call in calls:
-        possible = (step for step in waiting if not step.after or current in step.after)
+        possible = (step for step in waiting if not step.after or re.fullmatch(step.after, current))
         if begun := next((step for step in possible if re.search(step.begins, call)), None):
             current = begun.name
             waiting.remove(begun)

@@ -1,11 +1,8 @@
-/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:KIND:N or CALL:KIND:N+ and
- * strikes the N-th call, or all from the N-th on:
- *     write:half    writes the first half of the bytes (at least one)
- *     write:none    writes nothing and gives 0
- *     gzwrite:none  packs nothing and gives 0
- *     malloc:none   no memory, for a call of the daemon's own
- *     asprintf:none the same for a text
- * The first strike is told on standard error. */
+/* Preloaded into the daemon by the fault campaign, for what strace cannot do. FAULT is CALL:N or CALL:N+ and strikes
+ * the N-th call, or all from the N-th on:
+ *     write      writes the first half of the bytes (at least one)
+ *     malloc     no memory, for a call of the daemon's own
+ *     asprintf   the same for a text */
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -16,37 +13,22 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-static char call[9], kind[8], on;
-static long first, counted, told;
+static char call[9], on;
+static long first, counted;
 
 __attribute__((constructor)) static void ReadOrder(void) {
     const char* order = getenv("FAULT");
     if (order != NULL && strcmp(program_invocation_short_name, "vorta") == 0) { /* not the shell and its tools */
-        (void)sscanf(order, "%8[a-z]:%7[a-z]:%ld%c", call, kind, &first, &on);
+        (void)sscanf(order, "%8[a-z]:%ld%c", call, &first, &on);
     }
 }
 
 static int Strikes(const char* name) {
-    if (strcmp(name, call) != 0 || ++counted < first || (counted > first && on != '+')) {
-        return 0;
-    }
-    if (told++ == 0) {
-        (void)syscall(SYS_write, STDERR_FILENO, "STRUCK\n", 7);
-    }
-    return 1;
+    return strcmp(name, call) == 0 && (++counted == first || (counted > first && on == '+'));
 }
 
 ssize_t write(int fd, const void* bytes, size_t size) {
-    ssize_t (*real)(int, const void*, size_t) = dlsym(RTLD_NEXT, "write");
-    if (!Strikes("write")) {
-        return real(fd, bytes, size);
-    }
-    return strcmp(kind, "half") == 0 ? real(fd, bytes, size > 1 ? size / 2 : size) : 0;
-}
-
-int gzwrite(void* file, const void* bytes, unsigned size) {
-    int (*real)(void*, const void*, unsigned) = dlsym(RTLD_NEXT, "gzwrite");
-    return Strikes("gzwrite") ? 0 : real(file, bytes, size);
+    return syscall(SYS_write, fd, bytes, Strikes("write") && size > 1 ? size / 2 : size);
 }
 
 extern void* __libc_malloc(size_t size);
@@ -58,14 +40,10 @@ void* malloc(size_t size) {
     return own && Strikes("malloc") ? NULL : __libc_malloc(size);
 }
 
-static int Print(char** text, const char* format, va_list args) {
-    return Strikes("asprintf") ? -1 : vasprintf(text, format, args);
-}
-
 int asprintf(char** text, const char* format, ...) {
     va_list args;
     va_start(args, format);
-    const int length = Print(text, format, args);
+    const int length = Strikes("asprintf") ? -1 : vasprintf(text, format, args);
     va_end(args);
     return length;
 }
@@ -75,7 +53,7 @@ int __asprintf_chk(char** text, int flag, const char* format, ...) {
     (void)flag;
     va_list args;
     va_start(args, format);
-    const int length = Print(text, format, args);
+    const int length = Strikes("asprintf") ? -1 : vasprintf(text, format, args);
     va_end(args);
     return length;
 }

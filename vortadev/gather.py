@@ -43,19 +43,15 @@ def read(source: Source, since: Optional[datetime] = None) -> Phone:
 
 
 def read_whole(source: Source) -> Phone:
-    images = [reading.read(path) for path in source.images]
-    phone = Phone(source.name, printable(str(source.path)))
-    if source.path not in source.images:
-        report = reading.read(source.path)
-        phone = read_folder(phone, source.path, report)
-        folders = ("dumps", "fulldumps", "history")
-        images += [{k: v for k, v in report.items() if k not in folders}] if "reasonHeader" in report else []
-    parts = [(image, name) for image in images for name in ("reasonHeader", "minidump", "meta", "fulldump")]
-    found = [(image, image[name]) for image, name in parts if name in image]
-    problems = [*phone.problems, *(problem for image in images for problem in image["problems"])]
-    problems += [f"{image['path']}: {part['problem']}" for image, part in found if "problem" in part]
-    waiting = sum(bool(part.get("waiting")) for _, part in found)
-    return replace(phone, images=tuple(images), waiting=waiting, problems=tuple(dict.fromkeys(problems)))
+    report = reading.read(source.path)
+    phone = read_folder(Phone(source.name, printable(str(source.path))), source.path, report)
+    if "reasonHeader" not in report and "meta" not in report:
+        return phone
+    image = {name: value for name, value in report.items() if name not in ("dumps", "fulldumps", "history")}
+    parts = [image[name] for name in ("reasonHeader", "minidump", "meta", "fulldump") if name in image]
+    problems = dict.fromkeys((*phone.problems, *(part["problem"] for part in parts if "problem" in part)))
+    waiting = sum(bool(part.get("waiting")) for part in parts)
+    return replace(phone, images=(image,), waiting=waiting, problems=tuple(problems))
 
 
 def read_folder(phone: Phone, path: Path, report: Report) -> Phone:

@@ -68,7 +68,9 @@ def read_folder(phone: Phone, path: Path, report: Report) -> Phone:
         collection = collections.get(time)
         kernel = kernel_of(dumplog / time, collection, problems) if collection else None
         boots.append(boot_of(time, entry, collection, fulldumps.get(time), kernel))
-    phone = replace(phone, boots=tuple(boots), damaged=history["damagedBytes"], problems=tuple(problems))
+    others = [entry for entry in history["entries"] if not phones.RECORD_TIME.fullmatch(entry["time"])]
+    damaged = history["damagedBytes"] + sum(len(phones.history_line(**entry)) for entry in others)
+    phone = replace(phone, boots=tuple(boots), damaged=damaged, problems=tuple(problems))
     if report["kind"] not in (reading.LOG_FOLDER, reading.DUMP_FOLDER, reading.DEVICE):
         return phone  # a part, of which nothing can be missed
     paths = {"dumplog": printable(str(dumplog)), "history": printable(str(dumplog / phones.HISTORY_NAME))}

@@ -13,7 +13,7 @@ import importlib
 import os
 from pathlib import Path
 import textwrap
-from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple
+from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple, cast
 
 from . import attention, finding, gather, lines, terminal
 from .errors import DeviceError
@@ -96,12 +96,19 @@ def make(arguments: argparse.Namespace) -> int:
         totals.attention += add_shared(rows)
         rows.sort(key=lambda row: row.key)
         if write_page:
-            page = importlib.import_module(f"{__package__}.page")
-            for part in page.render([row.phone for row in rows], totals, datetime.now()):
+            for part in page_of([row.phone for row in rows if row.phone], totals):
                 write_page(part)
     if "-" not in (arguments.jsonl, arguments.html):
         say(table(rows, terminal.width()) + summary(totals, terminal.width()))
     return totals.attention
+
+
+def page_of(phones: Sequence[Phone], totals: Totals) -> Iterator[str]:
+    try:
+        page = importlib.import_module(f"{__package__}.page")
+    except ImportError:
+        raise DeviceError("this clone cannot write the page yet") from None
+    return cast(Iterator[str], page.render(phones, totals, datetime.now()))
 
 
 @contextmanager

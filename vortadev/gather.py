@@ -50,6 +50,8 @@ def read_whole(source: Source) -> Phone:
     image = {name: value for name, value in report.items() if name not in ("dumps", "fulldumps", "history")}
     parts = [image[name] for name in ("reasonHeader", "minidump", "meta", "fulldump") if name in image]
     problems = dict.fromkeys((*phone.problems, *(part["problem"] for part in parts if "problem" in part)))
+    if report["kind"] != reading.DEVICE and report["description"]:
+        problems[report["description"]] = None  # the image ends early
     waiting = sum(bool(part.get("waiting")) for part in parts)
     return replace(phone, images=(image,), waiting=waiting, problems=tuple(problems))
 

@@ -32,7 +32,7 @@ def sources(paths: Iterable[Path], problems: List[str]) -> List[Source]:
         try:
             found += below(path, DEPTH, problems) if path.is_dir() else [file_source(path)]
         except DeviceError as error:
-            problems.append(str(error))
+            problems.append(str(error).partition("; --as")[0])  # which is an option of show
     once = list({source.path.resolve(): source for source in reversed(found)}.values())[::-1]  # as found first
     names = Counter(source.name for source in once)
     return [replace(one, name=path_name(one.path)) if names[one.name] > 1 else one for one in once]

@@ -24,7 +24,8 @@ RESTARTS: Sequence[Tuple[str, str, Optional[Files], str]] = (
     ("NORMALBOOT", "PS_HOLD", None, "normal"),
     ("NORMALBOOT", "", None, "normal"),  # a reset cause of 128 characters
     ("NORMALBOOT", "reboot_longkey", None, "forced"),
-    ("NORMALBOOT", "reboot_longkey\n", None, "forced"),
+    ("NORMALBOOT", "reboot_longkey\n", None, "forced"),  # last on the kernel command line
+    ("NORMALBOOT\n", "PS_HOLD", None, "normal"),
     ("AP_S_HANG", "reboot_longkey", NO_PANIC, "forced"),
     ("HARDWARE_FAULT", "XVDD", None, "hardware fault"),
     ("UNKNOWN", "XBL_DUMP_EXCEPTION", None, "unknown"),
@@ -54,12 +55,6 @@ STATES: Mapping[str, Tuple[Files, bool, str, str]] = {
     "without its last byte": ({**WHOLE, "rawdump.bin": MINIDUMP[:-1]}, True, "cut", "cut"),
     "with another checksum": ({**WHOLE, "rawdump.bin": MINIDUMP[:-8] + b"12345678"}, True, "cut", "cut"),
     "two packed as one": ({**WHOLE, "rawdump.bin": gzip.compress(bytes(99))}, True, "cut", "cut"),
-    "four times its size": (
-        {**WHOLE, "rawdump.bin": gzip.compress(bytes(4 * pulled.MINIDUMP_SIZE), 1)},
-        True,
-        "cut",
-        "cut",
-    ),
     "an empty file": ({**WHOLE, "rawdump.bin": b""}, True, "cut", "cut"),
     "not packed": ({**without(WHOLE, "rawdump.bin"), "tmp.bin": b"1234"}, True, "cut", "cut"),
     "never closed": (without(WHOLE, "DONE"), False, "open", "whole"),
@@ -73,6 +68,13 @@ def test_state(tmp_path: Path, case: str) -> None:
     phone = read(pulled.pull(tmp_path, [(time(1), "AP", "panic")] if has_line else [], {time(1): files}))
     (found,) = phone.collections
     assert (found.state.value, found.minidump.value) == (state, minidump)
+
+
+def test_unpacking_is_left_at_twice_the_size(tmp_path: Path) -> None:
+    """So the damage behind it is not met."""
+    far = gzip.compress(bytes(4 * pulled.MINIDUMP_SIZE), 1)[:-8] + b"12345678"
+    phone = read(pulled.pull(tmp_path, [(time(1), "AP", "panic")], {time(1): {**WHOLE, "rawdump.bin": far}}))
+    assert phone.collections[0].problem == "rawdump.bin unpacks to more than 28.0 MiB"
 
 
 NORMAL = [(time(day), "NORMALBOOT", "PS_HOLD") for day in (1, 3, 5)]

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import argparse
-from contextlib import suppress
 import difflib
 import io
 import json
@@ -13,10 +12,11 @@ import signal
 import sys
 from typing import Any, List, NoReturn, Optional, Sequence
 
-from . import __version__, device, phone, reading, records, scenario, show
+from . import __version__, device, phone, reading, records, report, scenario, show
 from .document import read_document, read_json
 from .errors import DeviceError, printable
 from .options import add_run_options, number, run_options
+from .terminal import complain, say
 
 FAILED, USAGE, TIME_LIMIT, INTERRUPTED = 1, 2, 124, 128 + signal.SIGINT
 
@@ -103,6 +103,7 @@ COMMANDS = {
     "create": create,
     "run": run,
     "show": show_paths,
+    "report": report.report,
     "scenarios": list_scenarios,
     "check": check,
     "shell": shell,
@@ -111,24 +112,9 @@ COMMANDS = {
 
 def require_linux() -> None:
     if not sys.platform.startswith("linux"):
-        raise DeviceError("run, check and shell need Linux; show reads devices, images and pulled folders anywhere")
-
-
-def complain(text: str) -> None:
-    with suppress(OSError):  # nobody is left to hear it
-        print(f"vortadev: {printable(text)}", file=sys.stderr)
-
-
-def say(text: str) -> None:
-    if sys.stdout is None:
-        raise DeviceError("cannot write standard output: it is closed")
-    try:
-        sys.stdout.write(text)
-        sys.stdout.flush()
-    except BrokenPipeError:
-        raise
-    except OSError as error:
-        raise DeviceError(f"cannot write standard output: {error.strerror}") from None
+        raise DeviceError(
+            "run, check and shell need Linux; show and report read devices, images and pulled folders anywhere"
+        )
 
 
 class Parser(argparse.ArgumentParser):
@@ -160,6 +146,8 @@ def parser_of(command: str) -> Parser:
         parser.add_argument("--lines", metavar="N", type=lines, default=10, help="history lines to show (default 10)")
         kinds = (records.RAWDUMP, records.BOOTFAIL)
         parser.add_argument("--as", dest="kind", choices=kinds, default="", help="read a file as an image of that")
+    elif command == "report":
+        report.add_options(parser)
     elif command == "check":
         parser.add_argument("names", metavar="SCENARIO", nargs="*", help="names or .json files; default: all shipped")
         parser.add_argument("--update", action="store_true", help="promise the log of these boots from now on")

@@ -40,7 +40,7 @@ PROPERTY_SIZE = 91  # bytes of a property's value at most
 HISTORY_LIMIT = 1048576  # a larger history is begun anew
 DUMPLOG_LIMITS = {"commercial": 5242880, "internal": 83886080}
 
-RECORD_TIME = re.compile(r"\d{14}-\d{8}")  # local time to the second, tens of nanoseconds
+RECORD_TIME = re.compile(r"\d{14}-\d{8}", re.ASCII)  # local time to the second, tens of nanoseconds
 
 # One line of the history: reason, time, category. The texts may hold anything but a NUL, even a line feed.
 HISTORY_TEXTS = (

@@ -22,6 +22,7 @@ RAWDUMP_END = records.MINIDUMP_REGION.offset + records.MINIDUMP_REGION.size
 BOOTFAIL_END = records.META_REGION.offset + records.META_REGION.size
 
 DUMPLOG, FULLDUMPLOG = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
+DEVICE = "simulated device"
 LOG_FOLDER = "log folder of a phone"
 DUMP_FOLDER = "dump folder of a phone"
 FULLDUMP_FOLDER = "full dump folder of a phone"
@@ -216,7 +217,7 @@ def pulled_kind(folder: Path) -> str:
 
 
 def read_device(device: Path, report: Report) -> None:
-    report["kind"] = "simulated device"
+    report["kind"] = DEVICE
     try:
         scenario = json.loads(bytes_of(device / devices.SCENARIO_FILE, 0, HISTORY_READ_LIMIT))
         report["description"] = printable(str(scenario.get("description", "")))

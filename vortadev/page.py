@@ -1,0 +1,359 @@
+"""The report as one HTML document that needs nothing but itself. Texts of phones go through `said`, or through `escape`
+where no element may stand."""
+
+from __future__ import annotations
+
+from collections import defaultdict
+from dataclasses import dataclass
+from datetime import date, datetime, timedelta
+from html import escape
+from itertools import groupby
+from pathlib import Path
+from statistics import median
+from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Sequence, Tuple, Union
+
+from . import charts, show
+from .errors import size_text
+from .evidence import FIRST_YEAR, Boot, Phone, Restart, State, Totals
+
+MOST_ROWS = 60  # of a picture or a ranking
+SPANS = {  # between two boots, by the seconds that end each
+    "below 1 min": 60.0,
+    "1 to 10 min": 600.0,
+    "10 to 60 min": 3600.0,
+    "1 to 6 h": 21600.0,
+    "6 to 24 h": 86400.0,
+    "1 to 3 days": 259200.0,
+    "3 to 7 days": 604800.0,
+    "1 to 4 weeks": 2419200.0,
+    "longer": float("inf"),
+}
+UNKNOWABLE = (
+    "Which phone it was. No serial number and no build is recorded, unless the kernel log says so; the names are those"
+    " of the folders.",
+    "The zone of a time. Phones write local time without one, and their clock may have been wrong.",
+    "How long a phone was powered off. That, like sleep, is a part of the time between two boots.",
+    "Boots that never reached vorta: charger mode, recovery, power lost before.",
+    "Collections that were rotated away, and what stood in a history that was begun anew.",
+    "The logs of a hardware fault. Only a warm reset leaves some.",
+    "Whether a collection is whole, from DONE: that says only that the run came to its end.",
+)
+Cell = Union[int, str]
+
+
+@dataclass(frozen=True)
+class Seen:
+    """A boot that was seen on a phone; the number is the phone's place in the page."""
+
+    number: int
+    phone: Phone
+    boot: Boot
+
+
+class Fleet:
+    def __init__(self, phones: Sequence[Phone], totals: Totals, made: datetime) -> None:
+        self.phones, self.totals, self.made = list(enumerate(phones, 1)), totals, made
+        self.seen = [Seen(number, phone, boot) for number, phone in self.phones for boot in phone.boots]
+        self.timed = [seen for seen in self.seen if self.likely(seen.boot)]
+        dates = [seen.boot.when.date() for seen in self.timed if seen.boot.when]
+        self.first, self.last = min(dates, default=made.date()), max(dates, default=made.date())
+
+    def likely(self, boot: Boot) -> bool:
+        """Whether its time can be true, so that it may stretch an axis. Zones differ by a day at most."""
+        latest = self.made.replace(tzinfo=None) + timedelta(days=1)
+        return boot.when is not None and boot.when.year >= FIRST_YEAR and boot.when <= latest
+
+    def moments(self, found: Iterable[Seen]) -> Tuple[str, str]:
+        """The first and the last time."""
+        times = sorted(moment(seen.boot) for seen in found if self.likely(seen.boot)) or ["not known"]
+        return times[0], times[-1]
+
+
+# Parts of HTML
+
+
+def said(text: Optional[str]) -> str:
+    """A text of a phone, which must not turn the direction of what stands beside it."""
+    return f"<bdi>{escape(text)}</bdi>" if text else ""
+
+
+def link(number: int, phone: Phone) -> str:
+    return f'<a href="#phone-{number}">{said(phone.name)}</a>'
+
+
+def counted(number: int, what: str) -> str:
+    return f"{number:,} {what}{'' if number == 1 else 's'}"
+
+
+def moment(boot: Boot) -> str:
+    return boot.when.isoformat(" ", "minutes") if boot.when else boot.time
+
+
+def collected(boot: Boot) -> str:
+    return ", ".join(f"{'full dump ' if found.is_fulldump else ''}{found.state.value}" for found in boot.collections)
+
+
+def table(caption: str, heads: Sequence[str], rows: Iterable[Sequence[Cell]]) -> Iterator[str]:
+    """Cells are HTML; the first one names its row."""
+    yield f'<div class="scroll" tabindex="0" role="region" aria-label="{escape(caption)}"><table><caption>{caption}'
+    yield '</caption><thead><tr><th scope="col">' + '<th scope="col">'.join(heads) + "</thead><tbody>\n"
+    for first, *others in rows:
+        cells = (f'<td class="number">{cell:,}' if isinstance(cell, int) else f"<td>{cell}" for cell in others)
+        yield f'<tr><th scope="row">{first}{"".join(cells)}\n'
+    yield "</tbody></table></div>"
+
+
+def numbers(caption: str, heads: Sequence[str], rows: Iterable[Sequence[Cell]]) -> Iterator[str]:
+    """What a picture shows, for those who do not see it or want to know exactly."""
+    yield "<details><summary>The same as a table</summary>"
+    yield from table(caption, heads, rows)
+    yield "</details>"
+
+
+def log_lines(summary: str, lines: Sequence[str]) -> str:
+    text = escape("\n".join(lines))
+    return f"<details><summary>{summary}</summary><pre>{text}</pre></details>" if lines else ""
+
+
+def note(*sentences: str) -> str:
+    return f'<p class="note">{" ".join(sentences)}</p>' if any(sentences) else ""
+
+
+def shortened(shown: int, there: int, what: str) -> str:
+    return f"Shown are {shown:,} of {there:,} {what}." if there > shown else ""
+
+
+# Sections
+
+
+def tiles(fleet: Fleet) -> Iterator[str]:
+    totals, states = fleet.totals, fleet.totals.states
+    shown = {
+        "phones": totals.phones,
+        "boots": totals.boots,
+        "unexpected restarts": totals.unexpected,
+        "dumps whole": states[State.WHOLE],
+        "dumps cut": states[State.CUT],
+        "dumps open": states[State.OPEN],
+        "dumps waiting": totals.waiting,
+        "phones that need attention": totals.attention,
+    }
+    items = (f"<div><dt>{name}</dt><dd>{number:,}</dd></div>" for name, number in shown.items())
+    yield f'<dl class="tiles">{"".join(items)}</dl>'
+
+
+def attention(fleet: Fleet) -> Iterator[str]:
+    yield "" if fleet.totals.attention else "<p>No phone needs attention.</p>"
+    for number, phone in fleet.phones:
+        if phone.attentions:
+            yield f'<div class="attention">{link(number, phone)}{sentences(phone)}</div>\n'
+
+
+def sentences(phone: Phone) -> str:
+    items = (f"<li>{said(found.text)} <small>{said(found.path)}</small>" for found in phone.attentions)
+    return f"<ul>{''.join(items)}</ul>"
+
+
+def time(fleet: Fleet) -> Iterator[str]:
+    lanes = [list(lane) for _, lane in groupby(fleet.timed, lambda seen: seen.number)]
+    shown = lanes[:MOST_ROWS]
+    untimed, without = len(fleet.seen) - len(fleet.timed), len(fleet.phones) - len(lanes)
+    yield note(
+        shortened(len(shown), len(lanes), "phones: those that need attention most"),
+        f"Not on any axis: {counted(untimed, 'boot')} with no time or one that cannot be true." if untimed else "",
+        f"{counted(without, 'phone')} without a lane: no boot with a time that can be true." if without else "",
+    )
+    if shown:
+        title = f"Boots from {fleet.first} to {fleet.last}, a lane a phone, a mark a boot"
+        marks = [[(seen.boot, hover(seen)) for seen in lane] for lane in shown]
+        yield charts.legend()
+        yield charts.rows_picture(
+            "lanes",
+            title,
+            [link(lane[0].number, lane[0].phone) for lane in shown],
+            charts.lanes(charts.Days(fleet.first, fleet.last), marks),
+        )
+        rows = ((link(seen.number, seen.phone), *told(seen.boot)) for lane in shown for seen in lane)
+        yield from numbers(title, ("Phone", *TOLD), rows)
+
+
+TOLD = ("Time", "Restart", "Category", "Reason", "Collection")
+
+
+def told(boot: Boot) -> Tuple[Cell, ...]:
+    return moment(boot), charts.icon(boot.restart), said(boot.category), said(boot.reason), collected(boot)
+
+
+def hover(seen: Seen) -> str:
+    boot = seen.boot
+    crash = boot.kernel.crash_line if boot.kernel else None
+    parts = (seen.phone.name, moment(boot), boot.restart.value, boot.category, boot.reason, crash, collected(boot))
+    return "\n".join(part for part in parts if part)
+
+
+def causes(fleet: Fleet) -> Iterator[str]:
+    if fleet.timed:
+        counts: Dict[date, Dict[Restart, int]] = defaultdict(lambda: dict.fromkeys(Restart, 0))
+        for seen in fleet.timed:
+            counts[monday(seen.boot.when)][seen.boot.restart] += 1
+        days = charts.Days(min(counts), max(counts) + timedelta(days=6))
+        title = f"Boots a week by kind of restart, {days.first} to {days.last}"
+        yield charts.rows_picture(
+            "weeks", title, [*map(charts.icon, Restart)], charts.weeks(days, counts), charts.TALL_ROW
+        )
+        rows = ((str(week), *count.values()) for week, count in sorted(counts.items()))
+        yield from numbers(title, ("Week of", *(restart.value for restart in Restart)), rows)
+    groups = ranked(fleet.seen, lambda boot: (boot.restart, boot.category, boot.reason))
+    groups.sort(key=lambda group: not group[0][0].unexpected)
+    reasons = (
+        (said(key[2]) or "none", said(key[1]) or "none", charts.icon(key[0]), *spread(fleet, found))
+        for key, found in groups[:MOST_ROWS]
+    )
+    heads = ("Reason", "Category", "Restart", "Boots", "Phones", "First", "Last")
+    yield from table("Reasons: the unexpected ones, then the others, each by their count", heads, reasons)
+    yield note(shortened(MOST_ROWS, len(groups), "reasons"))
+
+
+def monday(when: Optional[datetime]) -> date:
+    day = when.date() if when else date.min
+    return day - timedelta(days=day.weekday())
+
+
+def ranked(found: Iterable[Seen], key: Callable[[Boot], Any]) -> List[Tuple[Any, List[Seen]]]:
+    groups: Dict[Any, List[Seen]] = defaultdict(list)
+    for seen in found:
+        groups[key(seen.boot)].append(seen)
+    return sorted(groups.items(), key=lambda group: -len(group[1]))
+
+
+def spread(fleet: Fleet, found: Sequence[Seen]) -> Tuple[Cell, ...]:
+    return len(found), len({seen.number for seen in found}), *fleet.moments(found)
+
+
+def signatures(fleet: Fleet) -> Iterator[str]:
+    known = [(seen, seen.boot.kernel) for seen in fleet.seen if seen.boot.kernel and seen.boot.kernel.signature]
+    excerpts = {kernel.signature: kernel.excerpt for _, kernel in known}
+    groups = ranked((seen for seen, _ in known), lambda boot: boot.kernel and boot.kernel.signature)
+    yield "" if groups else "<p>No kernel log that was collected tells of a crash.</p>"
+    for signature, found in groups[:MOST_ROWS]:
+        phones = {seen.number: seen.phone for seen in found}
+        links = ", ".join(link(*item) for item in list(phones.items())[:MOST_ROWS])
+        first, last = fleet.moments(found)
+        yield f"<h3><code>{said(signature)}</code></h3><p>{counted(len(found), 'crash').replace('crashs', 'crashes')}"
+        yield f" on {counted(len(phones), 'phone')}: {links}; first {first}, last {last}</p>"
+        yield log_lines("Excerpt", excerpts[signature]) + "\n"
+    yield note(shortened(MOST_ROWS, len(groups), "signatures"))
+
+
+def between(fleet: Fleet) -> Iterator[str]:
+    found: Tuple[List[float], List[float]] = ([], [])  # seconds: normal, unexpected
+    for before, after in zip(fleet.seen, fleet.seen[1:]):
+        if before.number == after.number and fleet.likely(before.boot) and fleet.likely(after.boot):
+            seconds = (after.boot.when - before.boot.when).total_seconds()  # type: ignore[operator]
+            if seconds >= 0 and after.boot.restart is not Restart.FORCED:
+                found[after.boot.restart.unexpected].append(seconds)
+    classes = [[next(i for i, end in enumerate(SPANS.values()) if time < end) for time in side] for side in found]
+    rows = [(name, [side.count(number) for side in classes]) for number, name in enumerate(SPANS)]
+    title = "Time from one boot to the next, by whether the restart between them was normal or unexpected"
+    heads = [f"{name} ({len(side):,})" for name, side in zip(("normal", "unexpected"), found)]
+    yield charts.rows_picture("between", title, [*SPANS], charts.halves(rows, heads, ("NORMAL", "CRASH")))
+    medians = (f"{name}: half below {median(side) / 3600:,.1f} h." for name, side in zip(heads, found) if side)
+    yield note("Bars are shares of their side; forced restarts are in neither.", *medians)
+    yield from numbers(title, ("Time", "Normal", "Unexpected"), ((name, *counts) for name, counts in rows))
+
+
+def storage(fleet: Fleet) -> Iterator[str]:
+    stored = [
+        (store.size / store.limit, link(n, phone), store) for n, phone in fleet.phones if (store := phone.storage)
+    ]
+    stored.sort(key=lambda item: -item[0])
+    if not stored:
+        yield "<p>No dumplog folder was read.</p>"
+        return
+    title = "Size of dumplog in percent of the limit of its build, the fullest first"
+    rows = [
+        (name, size_text(s.size), size_text(s.limit), s.build or "not known", said(s.first) or "nothing")
+        for _, name, s in stored
+    ]
+    bars = [(share, f"{size_text(store.size)} of {size_text(store.limit)}") for share, _, store in stored]
+    names = [name for _, name, _ in stored]
+    yield charts.rows_picture("storage", title, names[:MOST_ROWS], charts.against_limit(bars[:MOST_ROWS]))
+    yield note(
+        "Over the limit, the next crash removes the folder that sorts first.",
+        shortened(MOST_ROWS, len(stored), "phones"),
+    )
+    yield from numbers(title, ("Phone", "Size", "Limit", "Build", "Goes next"), rows)
+
+
+def folds(fleet: Fleet) -> Iterator[str]:
+    for number, phone in fleet.phones:
+        about = f"{counted(len(phone.boots), 'boot')}, {phone.unexpected} unexpected"
+        about += f", {len(phone.attentions)} to look at" if phone.attentions else ""
+        yield f'<details class="fold"><summary><h3>{said(phone.name)}</h3> {about}</summary>'
+        yield f'<p id="phone-{number}"><small>{said(phone.path)}</small></p>{sentences(phone)}'
+        if phone.boots:
+            yield from table("Boots, in the order of the history", (*TOLD, *DETAILS), map(details, phone.boots))
+        for boot in phone.boots:
+            yield logs(boot)
+        for image in phone.images:
+            yield f"<h4>Image</h4><pre>{escape(show.words(image))}</pre>"
+        yield "</details>\n"
+
+
+DETAILS = ("Minidump", "Size", "Ran", "Kernel", "Panic, oops or watchdog line")
+
+
+def details(boot: Boot) -> Tuple[Cell, ...]:
+    minidumps = ", ".join(found.minidump.value for found in boot.collections if not found.is_fulldump)
+    size = size_text(sum(found.size for found in boot.collections)) if boot.collections else ""
+    kernel = boot.kernel
+    if not kernel:
+        return *told(boot), minidumps, size, "", "", ""
+    ran = "" if kernel.seconds is None else f"{kernel.seconds / 3600:,.1f} h"
+    return *told(boot), minidumps, size, ran, said(kernel.version), said(kernel.crash_line)
+
+
+def logs(boot: Boot) -> str:
+    parts = [f"<h4>{moment(boot)}</h4>"] if boot.collections or boot.kernel else []
+    for found in boot.collections:
+        files = "; ".join(f"{said(name)} {size_text(size)}" for name, size in found.files.items())
+        parts.append(f"<p>{files or 'no files'}. <small>{said(found.path)}</small></p>")
+    if boot.kernel:
+        parts.append(log_lines("The last lines of the kernel log", boot.kernel.tail))
+    return "".join(parts)
+
+
+def limits(_fleet: Fleet) -> Iterator[str]:
+    yield f"<ul><li>{'<li>'.join(UNKNOWABLE)}</ul>"
+
+
+SECTIONS: Dict[str, Callable[[Fleet], Iterator[str]]] = {
+    "Attention": attention,
+    "Time": time,
+    "Causes": causes,
+    "Signatures": signatures,
+    "Time between boots": between,
+    "Storage": storage,
+    "Phones": folds,
+    "What this cannot tell": limits,
+}
+
+
+def render(phones: Sequence[Phone], totals: Totals, made: datetime) -> Iterator[str]:
+    """The document in pieces; the phones come worst first."""
+    fleet = Fleet(phones, totals, made)
+    style = Path(__file__).with_name("page.css").read_text("utf-8")
+    yield '<!DOCTYPE html>\n<html lang="en"><head><meta charset="utf-8"><title>What the phones collected</title>'
+    yield '<meta name="viewport" content="width=device-width, initial-scale=1">'
+    yield "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">"
+    yield f'<style>{style}</style></head><body><a class="skip" href="#main">Skip to the content</a>'
+    yield f"<header><h1>What the phones collected</h1><p>Boots from {fleet.first} to {fleet.last}, in local times of the"
+    yield f' phones; made {made:%Y-%m-%d %H:%M}</p></header><nav aria-label="Sections"><ul>'
+    yield "".join(f'<li><a href="#part-{number}">{name}</a>' for number, name in enumerate(SECTIONS)) + "</ul></nav>"
+    yield f'{charts.definitions()}<main id="main" tabindex="-1">\n'
+    yield from tiles(fleet)
+    for number, (name, section) in enumerate(SECTIONS.items()):
+        yield f'<section aria-labelledby="part-{number}"><h2 id="part-{number}">{name}</h2>\n'
+        yield from section(fleet)
+        yield "</section>\n"
+    yield "</main></body></html>\n"

@@ -14,18 +14,16 @@ from typing import Any, Callable, Dict, Iterable, Iterator, List, Optional, Sequ
 
 from . import charts, show
 from .errors import size_text
-from .evidence import FIRST_YEAR, Boot, Phone, Restart, State, Totals
+from .evidence import FIRST_YEAR, Boot, KernelLog, Phone, Restart, State, Totals
 
 MOST_ROWS = 60  # of a picture or a ranking
-SPANS = {  # between two boots, by the seconds that end each
-    "below 1 min": 60.0,
-    "1 to 10 min": 600.0,
-    "10 to 60 min": 3600.0,
-    "1 to 6 h": 21600.0,
-    "6 to 24 h": 86400.0,
-    "1 to 3 days": 259200.0,
-    "3 to 7 days": 604800.0,
-    "1 to 4 weeks": 2419200.0,
+SPANS = {  # between two boots, by the hours that end each
+    "below 10 min": 1 / 6,
+    "10 to 60 min": 1.0,
+    "1 to 6 h": 6.0,
+    "6 to 24 h": 24.0,
+    "1 to 7 days": 168.0,
+    "1 to 4 weeks": 672.0,
     "longer": float("inf"),
 }
 UNKNOWABLE = (
@@ -66,7 +64,7 @@ class Fleet:
     def moments(self, found: Iterable[Seen]) -> Tuple[str, str]:
         """The first and the last time."""
         times = sorted(moment(seen.boot) for seen in found if self.likely(seen.boot)) or ["not known"]
-        return times[0], times[-1]
+        return f"<time>{times[0]}</time>", f"<time>{times[-1]}</time>"
 
 
 # Parts of HTML
@@ -115,8 +113,8 @@ def log_lines(summary: str, lines: Sequence[str]) -> str:
     return f"<details><summary>{summary}</summary><pre>{text}</pre></details>" if lines else ""
 
 
-def note(*sentences: str) -> str:
-    return f'<p class="note">{" ".join(sentences)}</p>' if any(sentences) else ""
+def note(*said_so: str) -> str:
+    return f'<p class="note">{" ".join(said_so)}</p>' if any(said_so) else ""
 
 
 def shortened(shown: int, there: int, what: str) -> str:
@@ -177,13 +175,6 @@ def time(fleet: Fleet) -> Iterator[str]:
         yield from numbers(title, ("Phone", *TOLD), rows)
 
 
-TOLD = ("Time", "Restart", "Category", "Reason", "Collection")
-
-
-def told(boot: Boot) -> Tuple[Cell, ...]:
-    return moment(boot), charts.icon(boot.restart), said(boot.category), said(boot.reason), collected(boot)
-
-
 def hover(seen: Seen) -> str:
     boot = seen.boot
     crash = boot.kernel.crash_line if boot.kernel else None
@@ -198,6 +189,7 @@ def causes(fleet: Fleet) -> Iterator[str]:
             counts[monday(seen.boot.when)][seen.boot.restart] += 1
         days = charts.Days(min(counts), max(counts) + timedelta(days=6))
         title = f"Boots a week by kind of restart, {days.first} to {days.last}"
+        yield note("Unexpected restarts have a scale of their own; the number of boots stands above each bar.")
         yield charts.rows_picture(
             "weeks", title, [*map(charts.icon, Restart)], charts.weeks(days, counts), charts.TALL_ROW
         )
@@ -206,7 +198,14 @@ def causes(fleet: Fleet) -> Iterator[str]:
     groups = ranked(fleet.seen, lambda boot: (boot.restart, boot.category, boot.reason))
     groups.sort(key=lambda group: not group[0][0].unexpected)
     reasons = (
-        (said(key[2]) or "none", said(key[1]) or "none", charts.icon(key[0]), *spread(fleet, found))
+        (
+            said(key[2]) or "none",
+            said(key[1]) or "none",
+            charts.icon(key[0]),
+            len(found),
+            len({seen.number for seen in found}),
+            *fleet.moments(found),
+        )
         for key, found in groups[:MOST_ROWS]
     )
     heads = ("Reason", "Category", "Restart", "Boots", "Phones", "First", "Last")
@@ -226,10 +225,6 @@ def ranked(found: Iterable[Seen], key: Callable[[Boot], Any]) -> List[Tuple[Any,
     return sorted(groups.items(), key=lambda group: -len(group[1]))
 
 
-def spread(fleet: Fleet, found: Sequence[Seen]) -> Tuple[Cell, ...]:
-    return len(found), len({seen.number for seen in found}), *fleet.moments(found)
-
-
 def signatures(fleet: Fleet) -> Iterator[str]:
     known = [(seen, seen.boot.kernel) for seen in fleet.seen if seen.boot.kernel and seen.boot.kernel.signature]
     excerpts = {kernel.signature: kernel.excerpt for _, kernel in known}
@@ -239,50 +234,45 @@ def signatures(fleet: Fleet) -> Iterator[str]:
         phones = {seen.number: seen.phone for seen in found}
         links = ", ".join(link(*item) for item in list(phones.items())[:MOST_ROWS])
         first, last = fleet.moments(found)
-        yield f"<h3><code>{said(signature)}</code></h3><p>{counted(len(found), 'crash').replace('crashs', 'crashes')}"
+        yield f"<h3><code>{said(signature)}</code></h3><p>{counted(len(found), 'time')}"
         yield f" on {counted(len(phones), 'phone')}: {links}; first {first}, last {last}</p>"
         yield log_lines("Excerpt", excerpts[signature]) + "\n"
     yield note(shortened(MOST_ROWS, len(groups), "signatures"))
 
 
 def between(fleet: Fleet) -> Iterator[str]:
-    found: Tuple[List[float], List[float]] = ([], [])  # seconds: normal, unexpected
+    found: Dict[bool, List[float]] = {False: [], True: []}  # hours, by whether the restart was unexpected
     for before, after in zip(fleet.seen, fleet.seen[1:]):
         if before.number == after.number and fleet.likely(before.boot) and fleet.likely(after.boot):
-            seconds = (after.boot.when - before.boot.when).total_seconds()  # type: ignore[operator]
-            if seconds >= 0 and after.boot.restart is not Restart.FORCED:
-                found[after.boot.restart.unexpected].append(seconds)
-    classes = [[next(i for i, end in enumerate(SPANS.values()) if time < end) for time in side] for side in found]
-    rows = [(name, [side.count(number) for side in classes]) for number, name in enumerate(SPANS)]
-    title = "Time from one boot to the next, by whether the restart between them was normal or unexpected"
-    heads = [f"{name} ({len(side):,})" for name, side in zip(("normal", "unexpected"), found)]
-    yield charts.rows_picture("between", title, [*SPANS], charts.halves(rows, heads, ("NORMAL", "CRASH")))
-    medians = (f"{name}: half below {median(side) / 3600:,.1f} h." for name, side in zip(heads, found) if side)
-    yield note("Bars are shares of their side; forced restarts are in neither.", *medians)
-    yield from numbers(title, ("Time", "Normal", "Unexpected"), ((name, *counts) for name, counts in rows))
+            hours = ((after.boot.when or datetime.min) - (before.boot.when or datetime.min)) / timedelta(hours=1)
+            if hours >= 0 and after.boot.restart is not Restart.FORCED:
+                found[after.boot.restart.unexpected].append(hours)
+    rows = []
+    ends = list(SPANS.values())
+    for name, start, end in zip(SPANS, [0.0, *ends], ends):
+        counts = {side: sum(start <= hours < end for hours in found[side]) for side in found}
+        rows.append((name, *(charts.barred(counts[s], len(found[s]), "CRASH" if s else "NORMAL") for s in found)))
+    rows.append(("half below", *(f"{median(side):,.1f} h" if side else "" for side in found.values())))
+    title = "Time from a boot to the next one of the phone, by the restart that ended it; forced ones are in neither"
+    yield from table(title, ("Time", "Normal", "Unexpected"), rows)
 
 
 def storage(fleet: Fleet) -> Iterator[str]:
-    stored = [
-        (store.size / store.limit, link(n, phone), store) for n, phone in fleet.phones if (store := phone.storage)
-    ]
-    stored.sort(key=lambda item: -item[0])
-    if not stored:
-        yield "<p>No dumplog folder was read.</p>"
-        return
-    title = "Size of dumplog in percent of the limit of its build, the fullest first"
-    rows = [
-        (name, size_text(s.size), size_text(s.limit), s.build or "not known", said(s.first) or "nothing")
-        for _, name, s in stored
-    ]
-    bars = [(share, f"{size_text(store.size)} of {size_text(store.limit)}") for share, _, store in stored]
-    names = [name for _, name, _ in stored]
-    yield charts.rows_picture("storage", title, names[:MOST_ROWS], charts.against_limit(bars[:MOST_ROWS]))
-    yield note(
-        "Over the limit, the next crash removes the folder that sorts first.",
-        shortened(MOST_ROWS, len(stored), "phones"),
+    stored = [(n, phone, phone.storage) for n, phone in fleet.phones if phone.storage]
+    stored.sort(key=lambda item: -item[2].size / item[2].limit)
+    rows = (
+        (
+            link(n, phone),
+            charts.barred(store.size, store.limit, "storage", size_text(store.size)),
+            f"{size_text(store.limit)}, {store.build or 'likely'}",
+            said(store.first) or "nothing",
+        )
+        for n, phone, store in stored
     )
-    yield from numbers(title, ("Phone", "Size", "Limit", "Build", "Goes next"), rows)
+    title = (
+        "dumplog against the limit of its build, the fullest first. Above it, a crash removes the folder that goes next"
+    )
+    yield from table(title, ("Phone", "Size", "Limit", "Goes next"), rows)
 
 
 def folds(fleet: Fleet) -> Iterator[str]:
@@ -292,7 +282,7 @@ def folds(fleet: Fleet) -> Iterator[str]:
         yield f'<details class="fold"><summary><h3>{said(phone.name)}</h3> {about}</summary>'
         yield f'<p id="phone-{number}"><small>{said(phone.path)}</small></p>{sentences(phone)}'
         if phone.boots:
-            yield from table("Boots, in the order of the history", (*TOLD, *DETAILS), map(details, phone.boots))
+            yield from table("Boots, in the order of the history", TOLD, map(told, phone.boots))
         for boot in phone.boots:
             yield logs(boot)
         for image in phone.images:
@@ -300,17 +290,23 @@ def folds(fleet: Fleet) -> Iterator[str]:
         yield "</details>\n"
 
 
-DETAILS = ("Minidump", "Size", "Ran", "Kernel", "Panic, oops or watchdog line")
+TOLD = ("Time", "Restart", "Category", "Reason", "Collection", "Minidump", "Size", "Ran", "Kernel", "Crash line")
 
 
-def details(boot: Boot) -> Tuple[Cell, ...]:
-    minidumps = ", ".join(found.minidump.value for found in boot.collections if not found.is_fulldump)
-    size = size_text(sum(found.size for found in boot.collections)) if boot.collections else ""
-    kernel = boot.kernel
-    if not kernel:
-        return *told(boot), minidumps, size, "", "", ""
-    ran = "" if kernel.seconds is None else f"{kernel.seconds / 3600:,.1f} h"
-    return *told(boot), minidumps, size, ran, said(kernel.version), said(kernel.crash_line)
+def told(boot: Boot) -> Tuple[Cell, ...]:
+    kernel = boot.kernel or KernelLog()
+    return (
+        f"<time>{moment(boot)}</time>",
+        charts.icon(boot.restart),
+        said(boot.category),
+        said(boot.reason),
+        collected(boot),
+        boot.collection.minidump.value if boot.collection else "",
+        size_text(sum(found.size for found in boot.collections)) if boot.collections else "",
+        f"{kernel.seconds / 3600:,.1f} h" if kernel.seconds is not None else "",
+        said(kernel.version),
+        said(kernel.crash_line),
+    )
 
 
 def logs(boot: Boot) -> str:

@@ -24,7 +24,10 @@ KERNEL = KernelLog(
     function="ufshcd_queuecommand",
     signature=f"Kernel panic - not syncing: Fatal exception in {HOSTILE} ufshcd_queuecommand",
     seconds=123456.7,
-    excerpt=(f"[  123.456789] Kernel panic - not syncing: {HOSTILE}", "[  123.456790] CPU: 3 PID: 417 Comm: kworker/3:2"),
+    excerpt=(
+        f"[  123.456789] Kernel panic - not syncing: {HOSTILE}",
+        "[  123.456790] CPU: 3 PID: 417 Comm: kworker/3:2",
+    ),
     tail=tuple(f"[  123.4567{n:02}] a line of the kernel log {HOSTILE * (n == 3)}" for n in range(20)),
 )
 
@@ -52,9 +55,13 @@ def phones(count: int, boots: int = 6) -> Tuple[List[Phone], Totals]:
             when += timedelta(hours=chance.expovariate(1 / 240))
             found.append(boot(chance, min(when, MADE)))
         if number == count - 1:
-            found.insert(0, Boot("19700101000012-00000001", Restart.NORMAL, datetime(1970, 1, 1), "NORMALBOOT", "PS_HOLD"))
+            found.insert(
+                0, Boot("19700101000012-00000001", Restart.NORMAL, datetime(1970, 1, 1), "NORMALBOOT", "PS_HOLD")
+            )
         bad = [item for item in found if item.collection and item.collection.state is not State.WHOLE]
-        wrong = [Attention("cut", f"{item.time}: rawdump.bin ends early {HOSTILE}", item.collection.path) for item in bad]
+        wrong = [
+            Attention("cut", f"{item.time}: rawdump.bin ends early {HOSTILE}", item.collection.path) for item in bad
+        ]
         storage = Storage(chance.randrange(6 << 20), 5 << 20, "commercial", found[0].time)
         made.append(Phone(f"SN{1000 + number}", f"/pulled/SN{1000 + number}", tuple(found), tuple(wrong), storage))
     totals = Totals()

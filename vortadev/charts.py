@@ -99,11 +99,10 @@ class Days:
 def lanes(days: Days, rows: Sequence[Sequence[Tuple[Boot, str]]]) -> Iterator[str]:
     """A lane a row, a mark a boot; the words beside a boot are what hovering tells. What matters is painted last."""
     yield from days.ticks(1, HEAD + ROW * len(rows))
-    order = [Restart.NORMAL, Restart.FORCED, Restart.UNKNOWN, Restart.HARDWARE, Restart.CRASH]
     for number, row in enumerate(rows):
         middle = HEAD + ROW * (number + 0.5)
         yield level(middle)
-        for boot, words in sorted(row, key=lambda mark: order.index(mark[0].restart)):
+        for boot, words in sorted(row, key=lambda mark: mark[0].restart.unexpected):
             place, name = f"{days.place(boot.when or datetime.min):.2f}%", boot.restart.name
             rings = "".join(ring(found.state, place, middle) for found in boot.collections[:1])
             shape = f'<use class="{name}" href="#{name}" x="{place}" y="{middle}"/>'

@@ -3,6 +3,7 @@ where no element may stand."""
 
 from __future__ import annotations
 
+from bisect import bisect
 from collections import defaultdict
 from dataclasses import dataclass
 from datetime import date, datetime, timedelta
@@ -16,16 +17,9 @@ from . import charts, show
 from .errors import size_text
 from .evidence import FIRST_YEAR, Boot, KernelLog, Phone, Restart, State, Totals
 
-MOST_ROWS = 60  # of a picture or a ranking
-SPANS = {  # between two boots, by the hours that end each
-    "below 10 min": 1 / 6,
-    "10 to 60 min": 1.0,
-    "1 to 6 h": 6.0,
-    "6 to 24 h": 24.0,
-    "1 to 7 days": 168.0,
-    "1 to 4 weeks": 672.0,
-    "longer": float("inf"),
-}
+MOST_LANES = 60
+SPANS = ("below 10 min", "10 to 60 min", "1 to 6 h", "6 to 24 h", "1 to 7 days", "1 to 4 weeks", "longer")
+HOURS = (1 / 6, 1, 6, 24, 168, 672)  # what parts them
 UNKNOWABLE = (
     "Which phone it was. No serial number and no build is recorded, unless the kernel log says so; the names are those"
     " of the folders.",
@@ -61,10 +55,10 @@ class Fleet:
         latest = self.made.replace(tzinfo=None) + timedelta(days=1)
         return boot.when is not None and boot.when.year >= FIRST_YEAR and boot.when <= latest
 
-    def moments(self, found: Iterable[Seen]) -> Tuple[str, str]:
-        """The first and the last time."""
+    def spread(self, found: Sequence[Seen]) -> Tuple[int, int, str, str]:
+        """How many boots of how many phones, the first and the last time."""
         times = sorted(moment(seen.boot) for seen in found if self.likely(seen.boot)) or ["not known"]
-        return f"<time>{times[0]}</time>", f"<time>{times[-1]}</time>"
+        return len(found), len({seen.number for seen in found}), times[0], times[-1]
 
 
 # Parts of HTML
@@ -73,6 +67,11 @@ class Fleet:
 def said(text: Optional[str]) -> str:
     """A text of a phone, which must not turn the direction of what stands beside it."""
     return f"<bdi>{escape(text)}</bdi>" if text else ""
+
+
+def given(text: Optional[str]) -> str:
+    """A text of the history line, which may be empty, or not be there with its whole line."""
+    return "no line" if text is None else said(text) or "empty"
 
 
 def link(number: int, phone: Phone) -> str:
@@ -85,6 +84,10 @@ def counted(number: int, what: str) -> str:
 
 def moment(boot: Boot) -> str:
     return boot.when.isoformat(" ", "minutes") if boot.when else boot.time
+
+
+def duration(seconds: float) -> str:
+    return f"{seconds / 60:.1f} min" if seconds < 3600 else f"{seconds / 3600:,.1f} h"
 
 
 def collected(boot: Boot) -> str:
@@ -102,8 +105,8 @@ def table(caption: str, heads: Sequence[str], rows: Iterable[Sequence[Cell]]) ->
 
 
 def numbers(caption: str, heads: Sequence[str], rows: Iterable[Sequence[Cell]]) -> Iterator[str]:
-    """What a picture shows, for those who do not see it or want to know exactly."""
-    yield "<details><summary>The same as a table</summary>"
+    """What a picture shows, for those who do not see it or want to know exactly. Paper has it in the phones' folds."""
+    yield '<details class="same"><summary>The same as a table</summary>'
     yield from table(caption, heads, rows)
     yield "</details>"
 
@@ -113,29 +116,18 @@ def log_lines(summary: str, lines: Sequence[str]) -> str:
     return f"<details><summary>{summary}</summary><pre>{text}</pre></details>" if lines else ""
 
 
-def note(*said_so: str) -> str:
-    return f'<p class="note">{" ".join(said_so)}</p>' if any(said_so) else ""
-
-
-def shortened(shown: int, there: int, what: str) -> str:
-    return f"Shown are {shown:,} of {there:,} {what}." if there > shown else ""
+def note(*sentences: str) -> str:
+    return f'<p class="note">{" ".join(filter(None, sentences))}</p>' if any(sentences) else ""
 
 
 # Sections
 
 
 def tiles(fleet: Fleet) -> Iterator[str]:
-    totals, states = fleet.totals, fleet.totals.states
-    shown = {
-        "phones": totals.phones,
-        "boots": totals.boots,
-        "unexpected restarts": totals.unexpected,
-        "dumps whole": states[State.WHOLE],
-        "dumps cut": states[State.CUT],
-        "dumps open": states[State.OPEN],
-        "dumps waiting": totals.waiting,
-        "phones that need attention": totals.attention,
-    }
+    totals = fleet.totals
+    shown = {"phones": totals.phones, "boots": totals.boots, "unexpected restarts": totals.unexpected}
+    shown.update({f"dumps {state.value}": totals.states[state] for state in (State.WHOLE, State.CUT, State.OPEN)})
+    shown.update({"dumps waiting": totals.waiting, "phones that need attention": totals.attention})
     items = (f"<div><dt>{name}</dt><dd>{number:,}</dd></div>" for name, number in shown.items())
     yield f'<dl class="tiles">{"".join(items)}</dl>'
 
@@ -144,33 +136,30 @@ def attention(fleet: Fleet) -> Iterator[str]:
     yield "" if fleet.totals.attention else "<p>No phone needs attention.</p>"
     for number, phone in fleet.phones:
         if phone.attentions:
-            yield f'<div class="attention">{link(number, phone)}{sentences(phone)}</div>\n'
+            yield f'<div class="attention">{link(number, phone)}{attentions(phone)}</div>\n'
 
 
-def sentences(phone: Phone) -> str:
-    items = (f"<li>{said(found.text)} <small>{said(found.path)}</small>" for found in phone.attentions)
+def attentions(phone: Phone) -> str:
+    found = ((f"{item.time}: " if item.time else "") + item.text for item in phone.attentions)
+    items = (f"<li>{said(text)} <small>{said(item.path)}</small>" for text, item in zip(found, phone.attentions))
     return f"<ul>{''.join(items)}</ul>"
 
 
 def time(fleet: Fleet) -> Iterator[str]:
     lanes = [list(lane) for _, lane in groupby(fleet.timed, lambda seen: seen.number)]
-    shown = lanes[:MOST_ROWS]
-    untimed, without = len(fleet.seen) - len(fleet.timed), len(fleet.phones) - len(lanes)
+    shown = lanes[:MOST_LANES]
+    untimed, without, more = len(fleet.seen) - len(fleet.timed), len(fleet.phones) - len(lanes), len(lanes) > len(shown)
     yield note(
-        shortened(len(shown), len(lanes), "phones: those that need attention most"),
-        f"Not on any axis: {counted(untimed, 'boot')} with no time or one that cannot be true." if untimed else "",
-        f"{counted(without, 'phone')} without a lane: no boot with a time that can be true." if without else "",
+        f"Of {len(lanes):,} phones, the {len(shown)} that need attention most have a lane." if more else "",
+        f"Not on any axis: {counted(untimed, 'boot')} without a time that can be true." if untimed else "",
+        f"Without a lane: {counted(without, 'phone')} without such a boot." if without else "",
     )
     if shown:
         title = f"Boots from {fleet.first} to {fleet.last}, a lane a phone, a mark a boot"
+        names = [link(lane[0].number, lane[0].phone) for lane in shown]
         marks = [[(seen.boot, hover(seen)) for seen in lane] for lane in shown]
-        yield charts.legend()
-        yield charts.rows_picture(
-            "lanes",
-            title,
-            [link(lane[0].number, lane[0].phone) for lane in shown],
-            charts.lanes(charts.Days(fleet.first, fleet.last), marks),
-        )
+        body = charts.lanes(charts.Days(fleet.first, fleet.last), marks)
+        yield charts.legend() + charts.rows_picture("lanes", title, names, body)
         rows = ((link(seen.number, seen.phone), *told(seen.boot)) for lane in shown for seen in lane)
         yield from numbers(title, ("Phone", *TOLD), rows)
 
@@ -189,28 +178,19 @@ def causes(fleet: Fleet) -> Iterator[str]:
             counts[monday(seen.boot.when)][seen.boot.restart] += 1
         days = charts.Days(min(counts), max(counts) + timedelta(days=6))
         title = f"Boots a week by kind of restart, {days.first} to {days.last}"
+        body, names = charts.weeks(days, counts), [charts.icon(restart) for restart in Restart]
         yield note("Unexpected restarts have a scale of their own; the number of boots stands above each bar.")
-        yield charts.rows_picture(
-            "weeks", title, [*map(charts.icon, Restart)], charts.weeks(days, counts), charts.TALL_ROW
-        )
-        rows = ((str(week), *count.values()) for week, count in sorted(counts.items()))
-        yield from numbers(title, ("Week of", *(restart.value for restart in Restart)), rows)
+        yield charts.rows_picture("weeks", title, names, body, charts.TALL_ROW)
+        weeks: List[Sequence[Cell]] = [(str(week), *count.values()) for week, count in sorted(counts.items())]
+        yield from numbers(title, ("Week of", *(restart.value for restart in Restart)), weeks)
     groups = ranked(fleet.seen, lambda boot: (boot.restart, boot.category, boot.reason))
     groups.sort(key=lambda group: not group[0][0].unexpected)
     reasons = (
-        (
-            said(key[2]) or "none",
-            said(key[1]) or "none",
-            charts.icon(key[0]),
-            len(found),
-            len({seen.number for seen in found}),
-            *fleet.moments(found),
-        )
-        for key, found in groups[:MOST_ROWS]
+        (given(reason), given(category), charts.icon(restart), *fleet.spread(found))
+        for (restart, category, reason), found in groups
     )
     heads = ("Reason", "Category", "Restart", "Boots", "Phones", "First", "Last")
     yield from table("Reasons: the unexpected ones, then the others, each by their count", heads, reasons)
-    yield note(shortened(MOST_ROWS, len(groups), "reasons"))
 
 
 def monday(when: Optional[datetime]) -> date:
@@ -228,16 +208,14 @@ def ranked(found: Iterable[Seen], key: Callable[[Boot], Any]) -> List[Tuple[Any,
 def signatures(fleet: Fleet) -> Iterator[str]:
     known = [(seen, seen.boot.kernel) for seen in fleet.seen if seen.boot.kernel and seen.boot.kernel.signature]
     excerpts = {kernel.signature: kernel.excerpt for _, kernel in known}
-    groups = ranked((seen for seen, _ in known), lambda boot: boot.kernel and boot.kernel.signature)
-    yield "" if groups else "<p>No kernel log that was collected tells of a crash.</p>"
-    for signature, found in groups[:MOST_ROWS]:
-        phones = {seen.number: seen.phone for seen in found}
-        links = ", ".join(link(*item) for item in list(phones.items())[:MOST_ROWS])
-        first, last = fleet.moments(found)
-        yield f"<h3><code>{said(signature)}</code></h3><p>{counted(len(found), 'time')}"
-        yield f" on {counted(len(phones), 'phone')}: {links}; first {first}, last {last}</p>"
-        yield log_lines("Excerpt", excerpts[signature]) + "\n"
-    yield note(shortened(MOST_ROWS, len(groups), "signatures"))
+    rows = []
+    for signature, found in ranked((seen for seen, _ in known), lambda boot: boot.kernel and boot.kernel.signature):
+        links = ", ".join({seen.number: link(seen.number, seen.phone) for seen in found}.values())
+        excerpt = log_lines("Excerpt", excerpts[signature])
+        rows.append((said(signature) + excerpt, *fleet.spread(found), f"<p>{links}</p>"))
+    yield "" if rows else "<p>No kernel log that was collected tells of a crash.</p>"
+    heads = ("Signature", "Boots", "Phones", "First", "Last", "On")
+    yield from table("Signatures by their count: the crash line and the first function behind it", heads, rows)
 
 
 def between(fleet: Fleet) -> Iterator[str]:
@@ -248,30 +226,24 @@ def between(fleet: Fleet) -> Iterator[str]:
             if hours >= 0 and after.boot.restart is not Restart.FORCED:
                 found[after.boot.restart.unexpected].append(hours)
     rows = []
-    ends = list(SPANS.values())
-    for name, start, end in zip(SPANS, [0.0, *ends], ends):
-        counts = {side: sum(start <= hours < end for hours in found[side]) for side in found}
-        rows.append((name, *(charts.barred(counts[s], len(found[s]), "CRASH" if s else "NORMAL") for s in found)))
-    rows.append(("half below", *(f"{median(side):,.1f} h" if side else "" for side in found.values())))
-    title = "Time from a boot to the next one of the phone, by the restart that ended it; forced ones are in neither"
+    for number, name in enumerate(SPANS):
+        counts = [sum(bisect(HOURS, hours) == number for hours in side) for side in found.values()]
+        bars = map(charts.barred, counts, map(len, found.values()), ("NORMAL", "CRASH"))
+        rows.append((name, *bars))
+    rows.append(("half below", *(duration(3600 * median(side)) if side else "" for side in found.values())))
+    title = "Time from a boot to the next one of the phone, by the restart between them; forced ones are left out"
     yield from table(title, ("Time", "Normal", "Unexpected"), rows)
 
 
 def storage(fleet: Fleet) -> Iterator[str]:
-    stored = [(n, phone, phone.storage) for n, phone in fleet.phones if phone.storage]
-    stored.sort(key=lambda item: -item[2].size / item[2].limit)
-    rows = (
-        (
-            link(n, phone),
-            charts.barred(store.size, store.limit, "storage", size_text(store.size)),
-            f"{size_text(store.limit)}, {store.build or 'likely'}",
-            said(store.first) or "nothing",
-        )
-        for n, phone, store in stored
-    )
-    title = (
-        "dumplog against the limit of its build, the fullest first. Above it, a crash removes the folder that goes next"
-    )
+    stored = [(link(number, phone), phone.storage) for number, phone in fleet.phones if phone.storage]
+    stored.sort(key=lambda item: -item[1].size / item[1].limit)
+    rows = []
+    for name, store in stored:
+        size = charts.barred(store.size, store.limit, "storage", size_text(store.size))
+        limit = f"{size_text(store.limit)}, {store.build or 'likely'}"
+        rows.append((name, size, limit, said(store.first) or "nothing"))
+    title = "Size of dumplog against the limit of its build. Above it, a crash removes the folder that goes next."
     yield from table(title, ("Phone", "Size", "Limit", "Goes next"), rows)
 
 
@@ -280,7 +252,7 @@ def folds(fleet: Fleet) -> Iterator[str]:
         about = f"{counted(len(phone.boots), 'boot')}, {phone.unexpected} unexpected"
         about += f", {len(phone.attentions)} to look at" if phone.attentions else ""
         yield f'<details class="fold"><summary><h3>{said(phone.name)}</h3> {about}</summary>'
-        yield f'<p id="phone-{number}"><small>{said(phone.path)}</small></p>{sentences(phone)}'
+        yield f'<p id="phone-{number}"><small>{said(phone.path)}</small></p>{attentions(phone)}'
         if phone.boots:
             yield from table("Boots, in the order of the history", TOLD, map(told, phone.boots))
         for boot in phone.boots:
@@ -290,20 +262,20 @@ def folds(fleet: Fleet) -> Iterator[str]:
         yield "</details>\n"
 
 
-TOLD = ("Time", "Restart", "Category", "Reason", "Collection", "Minidump", "Size", "Ran", "Kernel", "Crash line")
+TOLD = ("Time", "Restart", "Category", "Reason", "Collection", "Minidump", "Size", "Kernel ran", "Kernel", "Crash line")
 
 
 def told(boot: Boot) -> Tuple[Cell, ...]:
     kernel = boot.kernel or KernelLog()
     return (
-        f"<time>{moment(boot)}</time>",
+        moment(boot),
         charts.icon(boot.restart),
-        said(boot.category),
-        said(boot.reason),
+        given(boot.category),
+        given(boot.reason),
         collected(boot),
         boot.collection.minidump.value if boot.collection else "",
         size_text(sum(found.size for found in boot.collections)) if boot.collections else "",
-        f"{kernel.seconds / 3600:,.1f} h" if kernel.seconds is not None else "",
+        duration(kernel.seconds) if kernel.seconds is not None else "",
         said(kernel.version),
         said(kernel.crash_line),
     )
@@ -343,7 +315,7 @@ def render(phones: Sequence[Phone], totals: Totals, made: datetime) -> Iterator[
     yield '<meta name="viewport" content="width=device-width, initial-scale=1">'
     yield "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; style-src 'unsafe-inline'\">"
     yield f'<style>{style}</style></head><body><a class="skip" href="#main">Skip to the content</a>'
-    yield f"<header><h1>What the phones collected</h1><p>Boots from {fleet.first} to {fleet.last}, in local times of the"
+    yield "<header><h1>What the phones collected</h1><p>Times are local times of the"
     yield f' phones; made {made:%Y-%m-%d %H:%M}</p></header><nav aria-label="Sections"><ul>'
     yield "".join(f'<li><a href="#part-{number}">{name}</a>' for number, name in enumerate(SECTIONS)) + "</ul></nav>"
     yield f'{charts.definitions()}<main id="main" tabindex="-1">\n'

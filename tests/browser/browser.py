@@ -43,7 +43,7 @@ class Browser:
             if answer.get("id") == self.number:
                 assert "result" in answer, answer
                 return answer["result"]
-            self.events.append(answer)
+            self.events += [answer] if "method" in answer else []
 
     def receive(self) -> Dict[str, Any]:
         while b"\0" not in self.received:

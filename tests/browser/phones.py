@@ -20,7 +20,7 @@ def boot(number: int, when: datetime) -> Boot:
     if restart is Restart.CRASH:
         state = STATES[number // len(Restart) % len(STATES)]
         kept, kernel = Collection(f"/{HOSTILE}/{time}", state, True, FILES, state), KERNEL
-    return Boot(time, restart, when, restart.name, HOSTILE, kept, kernel=kernel)
+    return Boot(time, restart, when, restart.name, HOSTILE if kept else "reason", kept, kernel=kernel)
 
 
 def phones(count: int) -> Tuple[List[Phone], Totals]:
@@ -32,6 +32,6 @@ def phones(count: int) -> Tuple[List[Phone], Totals]:
         boots[:1] = [Boot("19700101000012-00000001", Restart.NORMAL, datetime(1970, 1, 1))] if not number else boots[:1]
         wrong = [Attention("cut", f"cut {HOSTILE}", item.collection.path) for item in boots if item.collection]
         storage = Storage((number << 20) // 2, 5 << 20, None, boots[0].time)
-        made.append(Phone(f"{HOSTILE}{number}", HOSTILE, tuple(boots), tuple(wrong), storage))
+        made.append(Phone(f"SN{1000 + number}" if number else HOSTILE, HOSTILE, tuple(boots), tuple(wrong), storage))
         totals.add(made[-1])
     return made, totals

@@ -96,9 +96,13 @@ def collected(boot: Boot) -> str:
 
 def table(caption: str, heads: Sequence[str], rows: Iterable[Sequence[Cell]]) -> Iterator[str]:
     """Cells are HTML; the first one names its row."""
+    there = list(rows)
+    if not there:
+        yield "<p>There is nothing to show.</p>"
+        return
     yield f'<div class="scroll" tabindex="0" role="region" aria-label="{escape(caption)}"><table><caption>{caption}'
     yield '</caption><thead><tr><th scope="col">' + '<th scope="col">'.join(heads) + "</thead><tbody>\n"
-    for first, *others in rows:
+    for first, *others in there:
         cells = (f'<td class="number">{cell:,}' if isinstance(cell, int) else f"<td>{cell}" for cell in others)
         yield f'<tr><th scope="row">{first}{"".join(cells)}\n'
     yield "</tbody></table></div>"
@@ -152,7 +156,7 @@ def time(fleet: Fleet) -> Iterator[str]:
     yield note(
         f"Of {len(lanes):,} phones, the {len(shown)} that need attention most have a lane." if more else "",
         f"Not on any axis: {counted(untimed, 'boot')} without a time that can be true." if untimed else "",
-        f"Without a lane: {counted(without, 'phone')} without such a boot." if without else "",
+        f"Without a lane: {counted(without, 'phone')}, with no boot at a time that can be true." if without else "",
     )
     if shown:
         title = f"Boots from {fleet.first} to {fleet.last}, a lane a phone, a mark a boot"
@@ -213,7 +217,6 @@ def signatures(fleet: Fleet) -> Iterator[str]:
         links = ", ".join({seen.number: link(seen.number, seen.phone) for seen in found}.values())
         excerpt = log_lines("Excerpt", excerpts[signature])
         rows.append((said(signature) + excerpt, *fleet.spread(found), f"<p>{links}</p>"))
-    yield "" if rows else "<p>No kernel log that was collected tells of a crash.</p>"
     heads = ("Signature", "Boots", "Phones", "First", "Last", "On")
     yield from table("Signatures by their count: the crash line and the first function behind it", heads, rows)
 

@@ -113,6 +113,18 @@ def check(arguments: argparse.Namespace) -> int:
     return status
 
 
+def make_fleet(arguments: argparse.Namespace) -> int:
+    """folders as pulled from many phones, and an account of what is in them, to try report on"""
+    require_linux()
+    from . import fleet
+
+    account = fleet.make(arguments.out, arguments.phones, arguments.seed, arguments.jobs, arguments.daemon)
+    say(
+        f"{arguments.out}: {json.dumps(account['totals'])}; what happened to each: {arguments.out / fleet.ACCOUNT_NAME}\n"
+    )
+    return 0
+
+
 COMMANDS = {
     "create": create,
     "run": run,
@@ -121,13 +133,14 @@ COMMANDS = {
     "scenarios": list_scenarios,
     "check": check,
     "shell": shell,
+    "fleet": make_fleet,
 }
 
 
 def require_linux() -> None:
     if not sys.platform.startswith("linux"):
         raise DeviceError(
-            "run, check and shell need Linux; show and extract read devices, images and pulled folders anywhere"
+            "run, check, shell and fleet need Linux; show and extract read devices, images and pulled folders anywhere"
         )
 
 
@@ -179,6 +192,8 @@ def parser_of(command: str) -> Parser:
         parser.add_argument("--as", dest="kind", choices=kinds, default="", help="read a file as an image of that")
     elif command == "extract":
         add_extract_options(parser)
+    elif command == "fleet":
+        add_fleet_options(parser)
     elif command == "check":
         parser.add_argument("names", metavar="SCENARIO", nargs="*", help="names or .json files; default: all shipped")
         parser.add_argument("--update", action="store_true", help="promise the log of these boots from now on")
@@ -196,6 +211,15 @@ def add_extract_options(parser: Parser) -> None:
     parser.add_argument("--force", action="store_true", help="replace files of an earlier extract")
     what = "read IMAGE as that, whatever it says itself"
     parser.add_argument("--as", dest="kind", choices=(records.RAWDUMP,), default="", help=what)
+
+
+def add_fleet_options(parser: Parser) -> None:
+    parser.add_argument("out", metavar="OUT", type=Path, help="folder that is made")
+    phones, seed, jobs = number(int, 1, 200), number(int, 0, 1e9), number(int, 1, 256)
+    parser.add_argument("--phones", metavar="N", type=phones, default=30, help="how many, at most 200 (default 30)")
+    parser.add_argument("--seed", metavar="S", type=seed, default=1, help="the same one tells the same stories")
+    parser.add_argument("--jobs", metavar="N", type=jobs, default=os.cpu_count() or 1, help="phones at the same time")
+    parser.add_argument("--daemon", metavar="PROGRAM", type=Path, help="the daemon to run; default: build/host/vorta")
 
 
 def parse(command: str, arguments: List[str]) -> argparse.Namespace:

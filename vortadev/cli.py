@@ -119,9 +119,8 @@ def make_fleet(arguments: argparse.Namespace) -> int:
     from . import fleet
 
     account = fleet.make(arguments.out, arguments.phones, arguments.seed, arguments.jobs, arguments.daemon)
-    say(
-        f"{arguments.out}: {json.dumps(account['totals'])}; what happened to each: {arguments.out / fleet.ACCOUNT_NAME}\n"
-    )
+    account_file = arguments.out / fleet.ACCOUNT_NAME
+    say(f"{account_file} tells what happened to each phone: {json.dumps(account['totals'])}\n")
     return 0
 
 

@@ -27,6 +27,7 @@ ENDS = {  # what an image of a partition reaches to at least
 }
 
 DUMPLOG, FULLDUMPLOG = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
+DEVICE = "simulated device"
 LOG_FOLDER = "log folder of a phone"
 DUMP_FOLDER = "dump folder of a phone"
 FULLDUMP_FOLDER = "full dump folder of a phone"
@@ -238,7 +239,7 @@ def read_pulled(folder: Path, report: Report) -> None:
 
 
 def read_device(device: Path, report: Report) -> None:
-    report["kind"] = "simulated device"
+    report["kind"] = DEVICE
     try:
         scenario = json.loads(File(device / devices.SCENARIO_FILE).at(0, HISTORY_READ_LIMIT))
         report["description"] = printable(str(scenario.get("description", "")))

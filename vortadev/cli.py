@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import argparse
-from contextlib import suppress
 import difflib
 import io
 import json
@@ -13,10 +12,11 @@ import signal
 import sys
 from typing import Any, List, NoReturn, Optional, Sequence
 
-from . import __version__, device, extract, phone, reading, records, scenario, show
+from . import __version__, device, extract, phone, reading, records, report, scenario, show
 from .document import Document, Node, read_json
-from .errors import DeviceError, printable, size_text
+from .errors import DeviceError, printable
 from .options import add_run_options, number, run_options
+from .terminal import complain, say
 
 FAILED, USAGE, TIME_LIMIT, INTERRUPTED = 1, 2, 124, 128 + signal.SIGINT
 
@@ -75,19 +75,6 @@ def show_paths(arguments: argparse.Namespace) -> int:
     return status
 
 
-def extract_image(arguments: argparse.Namespace) -> int:
-    """the logs and dumps of an image, as files"""
-    out: Path = arguments.out
-    if arguments.meta:
-        report = extract.userdata(arguments.image, out, arguments.meta, arguments.force)
-    else:
-        report = extract.rawdump(arguments.image, out, arguments.minidump, arguments.force, arguments.kind)
-    say("".join(f"{size_text(size):>10}  {printable(str(out / name))}\n" for name, size in report["files"].items()))
-    for text in report["damaged"]:
-        complain(f"{arguments.image} is cut off: {text}")
-    return FAILED if report["damaged"] else 0
-
-
 def list_scenarios(_arguments: argparse.Namespace) -> int:
     """the shipped scenarios, a line each"""
     say("".join(f"{name:<22} {scenario.load(name).description}\n" for name in scenario.shipped()))
@@ -128,7 +115,8 @@ COMMANDS = {
     "create": create,
     "run": run,
     "show": show_paths,
-    "extract": extract_image,
+    "extract": extract.extract,
+    "report": report.report,
     "scenarios": list_scenarios,
     "check": check,
     "shell": shell,
@@ -139,25 +127,8 @@ COMMANDS = {
 def require_linux() -> None:
     if not sys.platform.startswith("linux"):
         raise DeviceError(
-            "run, check, shell and fleet need Linux; show and extract read devices, images and pulled folders anywhere"
+            "run, check, shell and fleet need Linux; show, extract and report read devices, images and folders anywhere"
         )
-
-
-def complain(text: str) -> None:
-    with suppress(OSError):  # nobody is left to hear it
-        print(f"vortadev: {printable(text)}", file=sys.stderr)
-
-
-def say(text: str) -> None:
-    if sys.stdout is None:
-        raise DeviceError("cannot write standard output: it is closed")
-    try:
-        sys.stdout.write(text)
-        sys.stdout.flush()
-    except BrokenPipeError:
-        raise
-    except OSError as error:
-        raise DeviceError(f"cannot write standard output: {error.strerror}") from None
 
 
 class Parser(argparse.ArgumentParser):
@@ -190,7 +161,9 @@ def parser_of(command: str) -> Parser:
         kinds = (records.RAWDUMP, records.BOOTFAIL)
         parser.add_argument("--as", dest="kind", choices=kinds, default="", help="read a file as an image of that")
     elif command == "extract":
-        add_extract_options(parser)
+        extract.add_options(parser)
+    elif command == "report":
+        report.add_options(parser)
     elif command == "fleet":
         add_fleet_options(parser)
     elif command == "check":
@@ -199,17 +172,6 @@ def parser_of(command: str) -> Parser:
     if command in ("run", "shell", "check"):
         add_run_options(parser)
     return parser
-
-
-def add_extract_options(parser: Parser) -> None:
-    parser.add_argument("image", metavar="IMAGE", type=Path, help="of rawdump; with --meta, of userdata")
-    parser.add_argument("out", metavar="OUT", type=Path, help="folder for the files; it is made if it is missing")
-    what = "the image of bootfail_info, or else of rawdump, that says where in userdata the full dump lies"
-    parser.add_argument("--meta", metavar="IMAGE", type=Path, help=what)
-    parser.add_argument("--minidump", action="store_true", help="the minidump also if none waits")
-    parser.add_argument("--force", action="store_true", help="replace files of an earlier extract")
-    what = "read IMAGE as that, whatever it says itself"
-    parser.add_argument("--as", dest="kind", choices=(records.RAWDUMP,), default="", help=what)
 
 
 def add_fleet_options(parser: Parser) -> None:

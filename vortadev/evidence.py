@@ -24,6 +24,18 @@ class Restart(Enum):
         return self not in (Restart.NORMAL, Restart.FORCED)
 
 
+DERIVED = ("NORMALBOOT", "HARDWARE_FAULT", "UNKNOWN")  # vorta's own categories; boots of that kind have no folder
+LONG_KEY = "reboot_longkey"
+
+
+def restart_of(category: Optional[str], reason: Optional[str], has_logs: bool) -> Restart:
+    if reason == LONG_KEY:
+        return Restart.FORCED
+    if has_logs or (category and reason and category not in DERIVED):
+        return Restart.CRASH
+    return {"NORMALBOOT": Restart.NORMAL, "HARDWARE_FAULT": Restart.HARDWARE}.get(category or "", Restart.UNKNOWN)
+
+
 class State(Enum):
     """How much of a collection, or of a dump, is there."""
 
@@ -43,7 +55,7 @@ class KernelLog:
     function: Optional[str] = None  # the first one of its call trace
     signature: Optional[str] = None  # both, without addresses, numbers and process names
     seconds: Optional[float] = None  # the last stamp: how long the kernel ran, sleep left out
-    excerpt: Tuple[str, ...] = ()  # the crash line and some lines behind it
+    excerpt: Tuple[str, ...] = ()  # the first lines of the crash's report
     tail: Tuple[str, ...] = ()  # its last 20 lines
 
 
@@ -57,6 +69,7 @@ class Collection:
     files: Dict[str, int]  # sizes in bytes, by name
     minidump: State
     is_fulldump: bool = False
+    problem: str = ""  # what is wrong with the dump
 
     @property
     def size(self) -> int:
@@ -121,6 +134,10 @@ class Phone:
     storage: Optional[Storage] = None
     images: Tuple[Dict[str, Any], ...] = ()  # reports of images of partitions, as `show --json` gives them
     waiting: int = 0  # dumps that wait in these images
+    history: Optional[str] = None  # the path that it has or would have; None: was not looked for
+    damaged: int = 0  # bytes of the history that belong to no line
+    dumplog: Optional[str] = None  # None: was not looked for
+    problems: Tuple[str, ...] = ()  # what could not be read, a sentence each
 
     @property
     def unexpected(self) -> int:

@@ -3,6 +3,7 @@ userdata the full dump."""
 
 from __future__ import annotations
 
+import argparse
 from contextlib import contextmanager, suppress
 import gzip
 import json
@@ -11,15 +12,41 @@ from pathlib import Path
 from typing import BinaryIO, Dict, Iterator, List, Sequence
 
 from . import phone, reading, records, show
-from .errors import DeviceError
+from .errors import DeviceError, printable, size_text
 from .outside import File
 from .reading import Report
 from .records import Region
+from .terminal import complain, say
 
+FAILED = 1  # status: something is missing
 REASON_NAME = "reason.json"
 LARGEST_FULLDUMP = 17716740096  # bytes; the daemon takes it for the size where only the descriptor in rawdump is left
 CHUNK = 1 << 20
 ZEROS = bytes(CHUNK)
+
+
+def add_options(parser: argparse.ArgumentParser) -> None:
+    parser.add_argument("image", metavar="IMAGE", type=Path, help="of rawdump; with --meta, of userdata")
+    parser.add_argument("out", metavar="OUT", type=Path, help="folder for the files; it is made if it is missing")
+    what = "the image of bootfail_info, or else of rawdump, that says where in userdata the full dump lies"
+    parser.add_argument("--meta", metavar="IMAGE", type=Path, help=what)
+    parser.add_argument("--minidump", action="store_true", help="the minidump also if none waits")
+    parser.add_argument("--force", action="store_true", help="replace files of an earlier extract")
+    what = "read IMAGE as that, whatever it says itself"
+    parser.add_argument("--as", dest="kind", choices=(records.RAWDUMP,), default="", help=what)
+
+
+def extract(arguments: argparse.Namespace) -> int:
+    """the logs and dumps of an image, as files"""
+    out: Path = arguments.out
+    if arguments.meta:
+        report = userdata(arguments.image, out, arguments.meta, arguments.force)
+    else:
+        report = rawdump(arguments.image, out, arguments.minidump, arguments.force, arguments.kind)
+    say("".join(f"{size_text(size):>10}  {printable(str(out / name))}\n" for name, size in report["files"].items()))
+    for text in report["damaged"]:
+        complain(f"{arguments.image} is cut off: {text}")
+    return FAILED if report["damaged"] else 0
 
 
 def rawdump(image: Path, out: Path, minidump: bool, force: bool, kind: str = "") -> Report:

@@ -1,0 +1,220 @@
+"""`vortadev report`: many phones, the worst first. They are read side by side, and but for the page only a row of each
+is kept."""
+
+from __future__ import annotations
+
+import argparse
+from collections import Counter, deque
+from concurrent.futures import Future, ThreadPoolExecutor
+from contextlib import ExitStack, contextmanager
+from dataclasses import dataclass, replace
+from datetime import datetime, tzinfo
+import importlib
+import os
+from pathlib import Path
+from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple
+
+from . import attention, finding, gather, lines, terminal
+from .errors import DeviceError
+from .evidence import Attention, Boot, Phone, State, Totals, worst_first
+from .options import date, expected, number
+from .terminal import complain, say
+
+NEEDED, FAILED = 1, 2  # statuses: some phone needs attention; there is no report
+HEADS = ("PHONE", "BOOTS", "UNEXPECTED", "DAYS", "LAST", "CAUSES", "DUMPS", "ATTENTION")
+NUMBERS = ("BOOTS", "UNEXPECTED", "DAYS")
+# What gives way, in this order, where the terminal leaves less than that to the last column.
+LEAST_LEFT = 30
+SHRINK = {"LAST": 10, "CAUSES": 12, "UNEXPECTED": 5, "PHONE": 12, "DUMPS": 8}
+GAP = "  "
+MOST_JOBS = 64
+BOLD, RED = "1", "31"
+
+
+@dataclass
+class Row:
+    key: Tuple[int, int, str]
+    cells: Dict[str, str]
+    attentions: Tuple[Attention, ...]
+    crashes: Dict[str, Boot]
+    phone: Optional[Phone]  # kept for the page alone
+
+
+def add_options(parser: argparse.ArgumentParser) -> None:
+    what = "log folder pulled from a phone, a folder of such folders, a simulated device, or an image of a partition"
+    parser.add_argument("paths", metavar="PATH", type=Path, nargs="+", help=what)
+    parser.add_argument("--html", metavar="FILE", help="write a page for a browser; - is standard output")
+    parser.add_argument("--jsonl", metavar="FILE", help="write a line a boot and a phone; - is standard output")
+    what = "leave out boots before that local time, e.g. 2026-08-01 or '2026-08-01 09:30'"
+    parser.add_argument("--since", metavar="WHEN", type=date, help=what)
+    what = "the zone that the phones had, e.g. Europe/Paris: the lines have UTC as well"
+    parser.add_argument("--tz", dest="zone", metavar="ZONE", type=zone, help=what)
+    jobs = number(int, 1, MOST_JOBS)
+    parser.add_argument("--jobs", metavar="N", type=jobs, help="phones at once; default: one a processor")
+
+
+def zone(name: str) -> tzinfo:
+    import zoneinfo
+
+    try:
+        return zoneinfo.ZoneInfo(name)
+    except (ValueError, OSError, zoneinfo.ZoneInfoNotFoundError):
+        known = zoneinfo.available_timezones()
+        hint = "" if known else " (this machine has no zones: python3 -m pip install tzdata brings them)"
+        raise expected(f"a zone like Europe/Paris{hint}", name) from None
+
+
+def report(arguments: argparse.Namespace) -> int:
+    """what phones collected: a table, a page, lines for programs"""
+    try:
+        return NEEDED if make(arguments) else 0
+    except DeviceError as error:
+        complain(str(error))
+        return FAILED
+
+
+def make(arguments: argparse.Namespace) -> int:
+    """Gives how many phones need attention."""
+    sources, problems = finding.sources(arguments.paths)
+    for problem in problems:
+        complain(problem)
+    if not sources:
+        raise DeviceError("nothing to report on was found")
+    totals, rows = Totals(), []
+    with ExitStack() as stack:
+        write_line = stack.enter_context(writer(arguments.jsonl)) if arguments.jsonl else None
+        write_page = stack.enter_context(writer(arguments.html)) if arguments.html else None
+        for phone in read_all(sources, arguments.since, arguments.jobs or os.cpu_count() or 1):
+            if write_line:
+                write_line(lines.of_whole(phone, arguments.zone))
+            totals.add(phone)
+            rows.append(row_of(phone, bool(write_page)))
+        totals.attention += add_shared(rows)
+        rows.sort(key=lambda row: row.key)
+        if write_page:
+            page = importlib.import_module(f"{__package__}.page")
+            for part in page.render([row.phone for row in rows], totals, datetime.now()):
+                write_page(part)
+    if "-" not in (arguments.jsonl, arguments.html):
+        say(table(rows, terminal.width()) + summary(totals) + "\n")
+    return totals.attention
+
+
+@contextmanager
+def writer(path: str) -> Iterator[Callable[[str], object]]:
+    if path == "-":
+        yield say
+        return
+    try:
+        with open(path, "w", encoding="utf-8", newline="\n") as file:
+            yield file.write
+    except BrokenPipeError:
+        raise
+    except OSError as error:
+        raise DeviceError(f"cannot write {path}: {error.strerror}") from error
+
+
+def read_all(sources: Sequence[finding.Source], since: Optional[datetime], jobs: int) -> Iterator[Phone]:
+    """In their order, some ahead of the one that is wanted. Unpacking, most of the work, needs no interpreter lock."""
+    progress = terminal.Progress(len(sources), "phones")
+    running: Deque["Future[Phone]"] = deque()
+    pool = ThreadPoolExecutor(jobs)
+    try:
+        for source in sources:
+            running.append(pool.submit(gather.read, source, since))
+            if len(running) > 4 * jobs:
+                yield running.popleft().result()
+                progress.step()
+        while running:
+            yield running.popleft().result()
+            progress.step()
+    finally:
+        pool.shutdown(cancel_futures=True)
+        progress.clear()
+
+
+def add_shared(rows: List[Row]) -> int:
+    """Crashes that several phones had; gives how many phones need attention for that alone."""
+    more = 0
+    for row, found in zip(rows, attention.shared([row.crashes for row in rows])):
+        if not found:
+            continue
+        more += not row.attentions
+        row.attentions += found
+        row.key = (row.key[0] - len(found), *row.key[1:])
+        row.phone = row.phone and replace(row.phone, attentions=row.attentions)
+    return more
+
+
+# The table
+
+
+def row_of(phone: Phone, keep: bool) -> Row:
+    causes = Counter(boot.cause for boot in phone.boots if boot.restart.unexpected)
+    states = Counter(found.state.value for found in phone.collections)
+    states.update({State.WAITING.value: phone.waiting} if phone.waiting else {})
+    last = phone.last
+    shown = (
+        phone.name,
+        str(len(phone.boots)),
+        str(phone.unexpected),
+        str(phone.days or "-"),
+        last.when.isoformat(" ", "minutes") if last and last.when else last.time if last else "-",
+        ", ".join(f"{cause} {count}" for cause, count in causes.most_common()) or "-",
+        ", ".join(f"{states[state.value]} {state.value}" for state in State if states[state.value]) or "-",
+    )
+    crashes = attention.signatures(phone)
+    return Row(worst_first(phone), dict(zip(HEADS, shown)), phone.attentions, crashes, phone if keep else None)
+
+
+def sentences(found: Sequence[Attention], room: int) -> str:
+    """As much as there is room for; what is left out is counted."""
+    texts = [f"{one.time}: {one.text}" if one.time else one.text for one in found]
+    whole = "; ".join(texts)
+    if len(whole) <= room:
+        return whole
+    rules = Counter(one.rule for one in found)
+    return shortened(", ".join(f"{rule} {count}" if count > 1 else rule for rule, count in rules.items()), room)
+
+
+def shortened(text: str, room: int) -> str:
+    return text if len(text) <= room else text[: max(room - 1, 0)] + "…"
+
+
+def table(rows: Sequence[Row], columns: int) -> str:
+    widths = {head: max(len(head), *(len(row.cells[head]) for row in rows)) for head in HEADS[:-1]}
+    for head, least in SHRINK.items():
+        over = LEAST_LEFT - room_left(widths, columns)
+        widths[head] -= min(max(over, 0), max(widths[head] - least, 0))
+    room = room_left(widths, columns)
+    text = terminal.coloured(line_of(dict(zip(HEADS, HEADS)), widths, HEADS[-1]), BOLD) + "\n"
+    for row in rows:
+        start = line_of(row.cells, widths, "")
+        text += start + terminal.coloured(sentences(row.attentions, room), RED) + "\n"
+    return text
+
+
+def room_left(widths: Dict[str, int], columns: int) -> int:
+    return columns - sum(widths.values()) - len(GAP) * len(widths)
+
+
+def line_of(cells: Dict[str, str], widths: Dict[str, int], last: str) -> str:
+    shown = ((head, shortened(cells[head], width)) for head, width in widths.items())
+    parts = (text.rjust(widths[head]) if head in NUMBERS else text.ljust(widths[head]) for head, text in shown)
+    return GAP.join((*parts, last))
+
+
+def summary(totals: Totals) -> str:
+    states = [f"{count} {state.value}" for state, count in totals.states.items() if count]
+    collected = sum(totals.states.values())
+    parts = [
+        f"{many(totals.phones, 'phone')}, {many(totals.boots, 'boot')}, {totals.unexpected} unexpected",
+        many(collected, "collection") + (f": {', '.join(states)}" if states else ""),
+        *([f"{many(totals.waiting, 'dump')} waiting"] if totals.waiting else []),
+        f"{many(totals.attention, 'phone')} need{'s' if totals.attention == 1 else ''} attention",
+    ]
+    return "; ".join(parts)
+
+
+def many(count: int, what: str) -> str:
+    return f"{count} {what}{'' if count == 1 else 's'}"

@@ -13,10 +13,10 @@ from pathlib import Path
 from random import Random
 import shutil
 import tempfile
-from typing import Any, Callable, Dict, List, Optional, Tuple
+from typing import Any, Callable, Dict, List, Optional, Sequence, Tuple
 
-from . import content, device, phone, records, sandbox, scenario
-from .check import RECORD_TIME
+from . import content, device, phone, records, scenario
+from .bubblewrap import Options
 from .device import on_device
 from .errors import DeviceError
 
@@ -28,6 +28,7 @@ MEMORY = Path("/dev/shm")  # devices write synchronously, as a phone does; in me
 FIRST_DAY = datetime(2026, 6, 1, 7)
 TIME_LIMIT = 120.0  # seconds of a boot, generous
 SHARED = 3  # phones from which on a crash is more than one phone's
+SHARED_CRASH = 511  # its number
 
 SMALL_DUMP = {"content": {"phone": True, "size": "128KiB"}}
 PANIC: Account = {"logs": {"xbl_abl": None, "last_xbl_abl": None, "tz_log": None}, "minidump": SMALL_DUMP}
@@ -47,58 +48,62 @@ class Kind:
     minidump: str = "absent"
     fulldump: Optional[str] = None
     line: bool = True
+    has_kernel_log: bool = False
     file_limit: int = 0  # bytes; the first longer file ends the daemon, as a power cut at this place would
     room: int = 0  # bytes that are left in /data
 
 
+CRASH = Kind("crash", "kernel-panic", PANIC, "whole", "whole", has_kernel_log=True)
+CUT = replace(CRASH, folder="open", line=False)
 KINDS = {
     "normal": Kind("normal", "normal-restart"),
     "shipped": Kind("normal", "ship-mode"),
+    "late minidump": Kind("normal", "remote-debug-minidump", {"minidump": SMALL_DUMP}, "whole", "whole"),
     "long key": Kind("forced", "long-key-reset"),
     "over-current": Kind("hardware fault", "over-current"),
     "low voltage": Kind("hardware fault", "pmic-xvlo"),
     "watchdog": Kind("hardware fault", "pmic-watchdog"),
     "boot loader": Kind("unknown", "boot-loader-dump"),
-    "panic": Kind("crash", "kernel-panic", PANIC, "whole", "whole"),
-    "sold panic": Kind("crash", "commercial-build", SOLD, "whole"),
-    "full dump": Kind(
-        "crash", "kernel-panic", {**PANIC, "fulldump": FULL, "meta": RESERVED}, "whole", "whole", "whole"
-    ),
+    "panic": CRASH,
+    "panic without tz_log": replace(CRASH, patch={**PANIC, "logs": {**PANIC["logs"], "tz_log": "zeros"}}),
+    "sold panic": replace(CRASH, scenario="commercial-build", patch=SOLD, minidump="absent"),
+    "full dump": replace(CRASH, patch={**PANIC, "fulldump": FULL, "meta": RESERVED}, fulldump="whole"),
     # There is room for the minidump, not for the packed one beside it.
-    "full disk": Kind(
-        "crash",
-        "kernel-panic",
-        {**PANIC, "minidump": {"content": {"phone": True, "size": "2MiB"}}},
-        "cut",
-        "cut",
+    "full disk": replace(
+        CRASH,
+        patch={**PANIC, "minidump": {"content": {"phone": True, "size": "2MiB"}}},
+        folder="cut",
+        minidump="cut",
         room=records.MINIDUMP_REGION.size + (300 << 10),
     ),
-    "cut in logs": Kind("crash", "kernel-panic", PANIC, "open", line=False, file_limit=100 << 10),
-    "boot after it": Kind("crash", "", {}, "whole", "whole"),
-    "cut in minidump": Kind("crash", "kernel-panic", PANIC, "open", "waiting", line=False, file_limit=20 << 20),
+    "cut in logs": replace(CUT, minidump="absent", has_kernel_log=False, file_limit=100 << 10),
+    "boot after it": replace(CRASH, scenario=""),
+    "cut in minidump": replace(CUT, minidump="cut", file_limit=20 << 20),
 }
 
 # What happens to a phone, and what of it needs attention. A boot: its kind; maybe a letter, as the same letter is the
 # same crash ("S" on all phones); maybe "+" and the hours since the boot before, which else was days ago; maybe a wrong
-# clock. What is none, in brackets, happens to the phone's data later or ends in the pulled folder.
+# clock. What stands in brackets happens to the phone's data later.
 STORIES: Tuple[Tuple[str, Tuple[str, ...]], ...] = (
     ("normal, panic A, normal, panic A, long key, normal", ("repeated",)),
-    ("normal, panic A, (storage loses the end of the minidump), normal, shipped", ("cut",)),
+    ("normal, panic S, (storage loses the end of the minidump), normal, shipped", ("cut", "shared")),
     ("normal, cut in logs A, boot after it +0.1, normal", ("open", "tmp")),
-    ("normal, normal, panic S, normal", ("shared",)),
-    ("normal, sold panic A, normal, sold panic B, (an image of rawdump)", ("waiting",)),
-    ("normal, long key, shipped, over-current, normal, normal", ()),
-    ("normal, panic A, boot loader, normal, panic B, normal", ()),
+    ("normal, normal, panic S, normal, normal", ("shared",)),
+    ("normal, sold panic A, normal, sold panic B, (somebody keeps an image)", ("waiting",)),
+    ("normal, long key, long key +2, long key +2, shipped, over-current, normal", ()),
+    ("normal, panic A, boot loader +9, normal, panic B, normal", ()),
     ("normal, watchdog, low voltage +9, boot loader +9, normal", ("restless",)),
-    ("normal, full disk A, normal, normal", ("cut",)),
-    ("normal, cut in minidump A, (an image of rawdump)", ("open", "tmp", "waiting")),
-    ("full dump A, normal, normal, long key", ()),
+    ("normal, full disk S, normal, normal", ("cut", "shared")),
+    ("normal, cut in minidump A, (somebody keeps an image)", ("open", "tmp", "waiting")),
+    ("full dump A, normal, normal, long key, (somebody keeps an image)", ()),
     ("normal, normal 1970, normal, normal", ("clock",)),
     ("normal, normal, normal back, normal", ("clock",)),
     ("normal, panic A, (its folder is removed), normal", ("no-folder",)),
     ("normal, normal, (the history loses its end), normal, normal", ("history",)),
     ("panic A, panic B, (the history grows over its limit), normal, normal", ("history",)),
-    ("normal, sold panic A, (other software fills dumplog), normal", ("storage",)),
+    ("sold panic A, (other software fills dumplog), sold panic B, normal", ("no-folder", "storage")),
+    ("normal, panic without tz_log A, normal, over-current", ("log",)),
+    ("normal, late minidump, normal, normal, normal", ()),
 )
 DRIVERS = ("wlan_hdd", "ufs_qcom", "dwc3_gadget", "kgsl_pwr", "qcom_smd", "fg_gauge", "cam_req", "ion_heap")
 DEEDS = ("process_rx", "scale_clk", "queue_ep", "handle_irq", "run_timeout", "read_temp", "flush_sched", "alloc_page")
@@ -138,59 +143,53 @@ class SimulatedPhone:
         self.random = Random(seed * 1000 + number)
         self.now = FIRST_DAY + timedelta(minutes=self.random.randrange(7 * 24 * 60))
         self.boots: List[Account] = []
-        self.later: List[str] = []  # what happened to its data
-        self.expected = ("", "")  # category and reason of the latest scenario
-        self.crash: Account = {}  # the one that the logs tell of
         self.has_image = False
+        self.reason: Account = {}  # as the history has to tell it
+        self.kernel: Optional[Account] = None  # what the kernel log tells
 
-    @property
+    def on_data(self, path: str) -> Path:
+        return on_device(self.folder, path)
+
     def collected(self) -> Path:
         """The folder of the latest boot."""
-        return on_device(self.folder, phone.DUMPLOG) / str(self.boots[-1]["time"])
+        return self.on_data(phone.DUMPLOG) / str(self.boots[-1]["time"])
 
     def live(self, story: str) -> None:
         for step in story.split(", "):
             if step.startswith("("):
-                self.later.append(step[1:-1])
-                LATER[step[1:-1]](self)
+                LATER[step](self)
             else:
-                self.boot(step)
+                self.boot(step.split())
 
-    def boot(self, step: str) -> None:
-        words = step.split()
-        name = " ".join(word for word in words if word.islower() and word != "back")
+    def boot(self, words: Sequence[str]) -> None:
+        from . import check, sandbox
+
+        name = " ".join(word for word in words if word.islower() and word != "back" or word == "tz_log")
         kind, letter = KINDS[name], next((word for word in words if word.isupper()), "")
-        hours = next((float(word) for word in words if word[0] == "+"), self.random.uniform(30, 140))
-        self.now += timedelta(hours=hours)
-        when = self.now - timedelta(days=40 if "back" in words else 0)
-        when = datetime(1970, 1, 1, 0, 0, 10) if "1970" in words else when
+        self.now += timedelta(
+            hours=next((float(word) for word in words if word[0] == "+"), self.random.uniform(30, 140))
+        )
+        when = datetime(1970, 1, 1, 0, 0, 10) if "1970" in words else self.now - timedelta(days=40 * ("back" in words))
         if kind.scenario:
             self.prepare(kind, letter)
-        run = sandbox.run(self.folder, phone.RAINBOW, self.options(kind, when), capture=True)
-        found = RECORD_TIME.search(run.log)
-        self.boots.append(self.told(name, kind, found[1] if found else ""))
-        history = on_device(self.folder, phone.HISTORY)
-        line = history.exists() and self.boots[-1]["time"] in history.read_text("ascii")
-        if not found or run.timed_out or (line, self.collected.is_dir()) != (kind.line, kind.folder is not None):
-            raise DeviceError(f"the daemon did not do what belongs to: {step}; its log is {self.folder}/logcat.txt")
-
-    def told(self, name: str, kind: Kind, time: str) -> Account:
-        category, reason = self.expected if kind.line else (None, None)
-        what: Account = {"time": time, "simulated": name, "restart": kind.restart, "line": kind.line}
-        what.update(category=category, reason=reason, collection=kind.folder, minidump=kind.minidump)
-        has_log = kind.folder and not 0 < kind.file_limit < records.LOG_REGIONS["last_kmsg"].size
-        return {**what, "fulldump": kind.fulldump, "kernel": self.crash if has_log else None}
+        options = Options(daemon=self.daemon, date=when, timeout=TIME_LIMIT, data_size=self.room(kind.room))
+        options.wrapper = ["prlimit", f"--fsize={kind.file_limit}"] if kind.file_limit else []
+        found = check.RECORD_TIME.search(sandbox.run(self.folder, phone.RAINBOW, options, capture=True).log)
+        told = {"time": found[1] if found else "", "simulated": name, "restart": kind.restart, "line": kind.line}
+        told.update(self.reason if kind.line else dict.fromkeys(self.reason))
+        told.update(collection=kind.folder, minidump=kind.minidump, fulldump=kind.fulldump)
+        self.boots.append({**told, "kernel": self.kernel if kind.has_kernel_log else None})
 
     def prepare(self, kind: Kind, letter: str) -> None:
         """A new device by the scenario, with the data of the one before."""
         patch: Account = {"base": kind.scenario, **kind.patch, "seed": self.random.getrandbits(30)}
-        if kind.folder:
-            crash = 511 if letter == "S" else 2 * self.number + (letter == "B")
-            self.crash, lines = kernel_log(crash, self.random)
+        if letter:
+            crash = SHARED_CRASH if letter == "S" else 2 * self.number + (letter == "B")
+            self.kernel, lines = kernel_log(crash, self.random)
             patch["logs"] = {**patch["logs"], "last_kmsg": {"phone": lines, "full": None}}
         made = scenario.parse(patch, Path(ACCOUNT_NAME))
-        history = made.expect.history
-        self.expected = (history.category, history.reason) if history else ("", "")
+        if made.expect.history:
+            self.reason = {"category": made.expect.history.category, "reason": made.expect.history.reason}
         data, kept = self.folder / "data", self.folder.with_suffix(".data")
         if data.exists():
             data.rename(kept)
@@ -200,67 +199,74 @@ class SimulatedPhone:
             shutil.rmtree(data)
             kept.rename(data)
 
-    def options(self, kind: Kind, when: datetime) -> sandbox.Options:
-        options = sandbox.Options(daemon=self.daemon, date=when, timeout=TIME_LIMIT)
-        if kind.room:
-            files = (path.lstat().st_size for path in (self.folder / "data").rglob("*") if path.is_file())
-            options.data_size = sum(-(-size // device.BLOCK) * device.BLOCK for size in files) + kind.room
-        return replace(options, wrapper=["prlimit", f"--fsize={kind.file_limit}"] if kind.file_limit else [])
+    def room(self, left: int) -> Optional[int]:
+        """The size of a /data in which so much is left."""
+        sizes = [path.stat().st_size for path in self.on_data("/data").rglob("*") if path.is_file()]
+        return sum(-(-size // device.BLOCK) * device.BLOCK for size in sizes) + left if left else None
 
     def pull(self, out: Path, deeper: bool) -> None:
         """As a person does: what is pulled may get a folder of its own, and an image stands beside it."""
-        name = Path(phone.RELIABILITY).name
-        pulled = out / name if deeper or self.has_image else out
-        shutil.copytree(on_device(self.folder, phone.RELIABILITY), pulled, copy_function=shutil.copyfile)
+        pulled = out / Path(phone.RELIABILITY).name if deeper or self.has_image else out
+        shutil.copytree(self.on_data(phone.RELIABILITY), pulled, copy_function=shutil.copyfile)
         if self.has_image:
             image = device.read_image(device.partition_path(self.folder, records.RAWDUMP))
             device.write_image(out / f"{records.RAWDUMP}.img", image)
+
+    def require_account(self) -> None:
+        """An account of what the daemon did not do helps nobody."""
+        found = {path.name for path in self.on_data(phone.DUMPLOG).iterdir() if path.is_dir()}
+        lines, damaged = phone.parse_history(self.on_data(phone.HISTORY).read_text("ascii"))
+        told = [boot["time"] for boot in self.boots if boot["line"]]
+        if found != {boot["time"] for boot in self.boots if boot["collection"]} or [one.time for one in lines] != told:
+            raise DeviceError(f"the daemon did not do what the story tells: {self.boots}, {damaged} bytes damaged")
 
 
 # What happens later
 
 
 def cut_minidump(lived: SimulatedPhone) -> None:
-    dump = lived.collected / phone.RAWDUMP_NAME
+    dump = lived.collected() / phone.RAWDUMP_NAME
     os.truncate(dump, dump.stat().st_size * 3 // 5)
     lived.boots[-1].update(collection="cut", minidump="cut")
 
 
 def remove_folder(lived: SimulatedPhone) -> None:
-    shutil.rmtree(lived.collected)
-    lived.boots[-1].update(collection=None, minidump="absent", kernel=None)
+    shutil.rmtree(lived.collected())
+    lived.boots[-1].update(NO_FOLDER)
 
 
 def tear_history(lived: SimulatedPhone) -> None:
-    history = on_device(lived.folder, phone.HISTORY)
-    os.truncate(history, history.stat().st_size - 30)
-    lived.boots[-1].update(line=False, category=None, reason=None)
+    os.truncate(lived.on_data(phone.HISTORY), lived.on_data(phone.HISTORY).stat().st_size - 30)
+    lived.boots[-1].update(NO_LINE)
 
 
 def fill_history(lived: SimulatedPhone) -> None:
     """The next line begins it anew."""
     fill = content.Fill("phone", phone.HISTORY_LIMIT + 1, 1)
-    on_device(lived.folder, phone.HISTORY).write_bytes(content.render(fill, phone.HISTORY_NAME))
+    lived.on_data(phone.HISTORY).write_bytes(content.render(fill, phone.HISTORY_NAME))
     for boot in lived.boots:
-        boot.update(line=False, category=None, reason=None)
+        boot.update(NO_LINE)
 
 
 def fill_dumplog(lived: SimulatedPhone) -> None:
-    with (on_device(lived.folder, phone.DUMPLOG) / "zz-other-software.bin").open("wb") as file:
-        file.truncate(phone.DUMPLOG_LIMITS["commercial"] * 19 // 20)
+    """The next crash removes the folder."""
+    lived.collected().with_name("zz-other-software.bin").write_bytes(bytes(phone.DUMPLOG_LIMITS["commercial"]))
+    lived.boots[-1].update(NO_FOLDER)
 
 
 def keep_image(lived: SimulatedPhone) -> None:
     lived.has_image = True
 
 
+NO_LINE = {"line": False, "category": None, "reason": None}
+NO_FOLDER = {"collection": None, "minidump": "absent", "kernel": None}
 LATER: Dict[str, Callable[[SimulatedPhone], None]] = {
-    "storage loses the end of the minidump": cut_minidump,
-    "its folder is removed": remove_folder,
-    "the history loses its end": tear_history,
-    "the history grows over its limit": fill_history,
-    "other software fills dumplog": fill_dumplog,
-    "an image of rawdump": keep_image,
+    "(storage loses the end of the minidump)": cut_minidump,
+    "(its folder is removed)": remove_folder,
+    "(the history loses its end)": tear_history,
+    "(the history grows over its limit)": fill_history,
+    "(other software fills dumplog)": fill_dumplog,
+    "(somebody keeps an image)": keep_image,
 }
 
 
@@ -271,12 +277,13 @@ def simulate(number: int, out: Path, scratch: Path, seed: int, daemon: Optional[
     name, (story, attention) = f"SN{1001 + number}", STORIES[(number + seed) % len(STORIES)]
     lived = SimulatedPhone(scratch / name, number, seed, daemon)
     lived.live(story)
+    lived.require_account()
     lived.pull(out / name, deeper=number % 5 == 3)
     shutil.rmtree(lived.folder)
     # What has neither a line nor a folder, nobody can find.
     boots = [boot for boot in lived.boots if boot["line"] or boot["collection"]]
-    told = {"name": name, "story": story, "afterwards": lived.later, "attention": list(attention), "boots": boots}
-    return {**told, "waiting": int("waiting" in attention)}
+    waiting = int("waiting" in attention)
+    return {"name": name, "story": story, "attention": list(attention), "waiting": waiting, "boots": boots}
 
 
 def make(out: Path, phones: int, seed: int, jobs: int, daemon: Optional[Path] = None) -> Account:

@@ -12,7 +12,7 @@ import signal
 import sys
 from typing import Any, List, NoReturn, Optional, Sequence
 
-from . import __version__, device, extract, phone, reading, records, report, scenario, show
+from . import __version__, device, extract, fleet, phone, reading, records, report, scenario, show
 from .document import Document, Node, read_json
 from .errors import DeviceError, printable
 from .options import add_run_options, number, run_options
@@ -101,14 +101,9 @@ def check(arguments: argparse.Namespace) -> int:
 
 
 def make_fleet(arguments: argparse.Namespace) -> int:
-    """folders as pulled from many phones, and an account of what is in them, to try report on"""
+    """folders as pulled from many phones, to try report on, and an account of what is in them"""
     require_linux()
-    from . import fleet
-
-    account = fleet.make(arguments.out, arguments.phones, arguments.seed, arguments.jobs, arguments.daemon)
-    account_file = arguments.out / fleet.ACCOUNT_NAME
-    say(f"{account_file} tells what happened to each phone: {json.dumps(account['totals'])}\n")
-    return 0
+    return fleet.fleet(arguments)
 
 
 COMMANDS = {
@@ -165,22 +160,13 @@ def parser_of(command: str) -> Parser:
     elif command == "report":
         report.add_options(parser)
     elif command == "fleet":
-        add_fleet_options(parser)
+        fleet.add_options(parser)
     elif command == "check":
         parser.add_argument("names", metavar="SCENARIO", nargs="*", help="names or .json files; default: all shipped")
         parser.add_argument("--update", action="store_true", help="promise the log of these boots from now on")
     if command in ("run", "shell", "check"):
         add_run_options(parser)
     return parser
-
-
-def add_fleet_options(parser: Parser) -> None:
-    parser.add_argument("out", metavar="OUT", type=Path, help="folder that is made")
-    phones, seed, jobs = number(int, 1, 200), number(int, 0, 1e9), number(int, 1, 256)
-    parser.add_argument("--phones", metavar="N", type=phones, default=30, help="how many, at most 200 (default 30)")
-    parser.add_argument("--seed", metavar="S", type=seed, default=1, help="the same one tells the same stories")
-    parser.add_argument("--jobs", metavar="N", type=jobs, default=os.cpu_count() or 1, help="phones at the same time")
-    parser.add_argument("--daemon", metavar="PROGRAM", type=Path, help="the daemon to run; default: build/host/vorta")
 
 
 def parse(command: str, arguments: List[str]) -> argparse.Namespace:

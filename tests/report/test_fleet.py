@@ -45,7 +45,7 @@ def told(boot: Boot) -> Account:
         "category": boot.category,
         "reason": boot.reason,
         "collection": boot.collection.state.value if boot.collection else None,
-        "minidump": boot.collection.minidump.value if boot.collection else "absent",
+        "minidump": boot.collection.minidump.value if boot.collection else None,
         "fulldump": boot.fulldump.state.value if boot.fulldump else None,
         # The log of a boot that collected no crash may well be there, but tells of none.
         "kernel": kernel if boot.kernel and boot.kernel.crash_line else None,

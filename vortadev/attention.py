@@ -4,20 +4,23 @@ one rule explains what another one would find as well, the other is silent."""
 from __future__ import annotations
 
 from bisect import bisect_right
-from collections import Counter, defaultdict
+from collections import Counter
 from datetime import timedelta
-from typing import Callable, Dict, Iterator, List, Sequence, Set, Tuple
+from itertools import islice
+from typing import Callable, Dict, Iterator, List, Sequence, Tuple
 
 from . import phone as phones
 from . import records
 from .errors import size_text
-from .evidence import DERIVED, FIRST_YEAR, Attention, Boot, Collection, KernelLog, Phone, State
+from .evidence import DERIVED, FIRST_YEAR, Attention, Boot, Collection, Phone, State
 
 Rule = Callable[[Phone], Iterator[Attention]]
+Place = Tuple[str, str]  # path and time of a log
 
 MANY, WITHIN = 3, timedelta(days=1)  # unexpected restarts
 SHARED = 3  # phones with the same crash
 NEAR = 0.9  # of the limit
+MOST = 50  # of a rule on one phone: what comes from outside may break one without end
 KERNEL_LOG = "last_kmsg"
 
 
@@ -37,11 +40,11 @@ def not_closed(phone: Phone) -> Iterator[Attention]:
         for found in boot.collections:
             if found.state is not State.OPEN:
                 continue
-            text = "neither DONE nor a line in the history: the run was cut off"
+            text = "neither DONE nor a line: the run was cut off"
             if found.is_fulldump:
-                text = "the full dump has no DONE: its copy failed or was cut off"
+                text = "the full dump has no DONE: it was not copied whole"
             elif boot.category is not None:
-                text = "no DONE, though the history has its line: DONE was lost, or no file could be made"
+                text = "no DONE, though it has its line"
             yield Attention("open", text, found.path, boot.time)
 
 
@@ -120,26 +123,20 @@ def restless(phone: Phone) -> Iterator[Attention]:
         at = end if end - at >= MANY else at + 1
 
 
-def signatures(phone: Phone) -> Dict[str, Boot]:
-    """The crashes of a phone, each with the last boot that tells of it."""
-    return {boot.kernel.signature: boot for boot in phone.boots if boot.kernel and boot.kernel.signature}
+def signatures(phone: Phone) -> Dict[str, Place]:
+    """The crashes of a phone, each with the last log that tells of it."""
+    shown = ((boot.kernel, boot.time, found.path) for boot, found in folders(phone))
+    return {log.signature: (f"{path}/{KERNEL_LOG}", time) for log, time, path in shown if log and log.signature}
 
 
 def repeated(phone: Phone) -> Iterator[Attention]:
     """A log that was collected twice is one crash: no log region is cleared."""
-    logs: Dict[str, Set[KernelLog]] = defaultdict(set)
-    for boot in phone.boots:
-        if boot.kernel and boot.kernel.signature:
-            logs[boot.kernel.signature].add(boot.kernel)
-    for signature, boot in signatures(phone).items():
-        times = len(logs[signature])
+    logs = Counter(log.signature for log in {boot.kernel for boot in phone.boots} if log)
+    for signature, place in signatures(phone).items():
+        times = logs[signature]
         if times > 1:
             text = f"the same crash {'twice' if times == 2 else f'{times} times'}: {signature}"
-            yield Attention("repeated", text, log_path(boot), boot.time)
-
-
-def log_path(boot: Boot) -> str:
-    return f"{boot.collection.path}/{KERNEL_LOG}" if boot.collection else ""
+            yield Attention("repeated", text, *place)
 
 
 def clock(phone: Phone) -> Iterator[Attention]:
@@ -204,16 +201,22 @@ RULES: Tuple[Rule, ...] = (
 
 
 def of_phone(phone: Phone) -> Tuple[Attention, ...]:
-    return tuple(found for rule in RULES for found in rule(phone))
+    found: List[Attention] = []
+    for rule in RULES:
+        some = list(islice(rule(phone), MOST + 1))
+        if len(some) > MOST:
+            some[MOST:] = [Attention(some[0].rule, f"and more than {MOST} like that", phone.path)]
+        found += some
+    return tuple(found)
 
 
-def shared(phones_signatures: Sequence[Dict[str, Boot]]) -> List[Tuple[Attention, ...]]:
+def shared(phones_signatures: Sequence[Dict[str, Place]]) -> List[Tuple[Attention, ...]]:
     """For each of many phones, by its signatures, the crashes that others have as well."""
     counts = Counter(signature for found in phones_signatures for signature in found)
     return [
         tuple(
-            Attention("shared", f"on {counts[signature]} phones: {signature}", log_path(boot), boot.time)
-            for signature, boot in found.items()
+            Attention("shared", f"on {counts[signature]} phones: {signature}", *place)
+            for signature, place in found.items()
             if counts[signature] >= SHARED
         )
         for found in phones_signatures

@@ -31,7 +31,7 @@ MEMORY = Path("/dev/shm")  # devices write synchronously, as a phone does; in me
 FIRST_DAY, UNSET = datetime(2026, 6, 1, 7), datetime(1970, 1, 1, 0, 0, 10)
 TIME_LIMIT = 120.0  # seconds of a boot, generous
 SHARED, SHARED_CRASH = 3, 511  # phones from which on a crash is more than one phone's; the number of that crash
-KEEP_IMAGE = "(somebody keeps an image)"
+KEEP_IMAGE, WAITING = "(somebody keeps an image)", "waiting"
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
@@ -60,7 +60,8 @@ def make(out: Path, phones: int, seed: int, jobs: int, daemon: Optional[Path] = 
     memory = MEMORY if os.access(MEMORY, os.W_OK) else None
     with tempfile.TemporaryDirectory(prefix="vortadev-", dir=memory) as scratch, Pool(jobs) as pool:
         work = partial(simulate, out=out.absolute(), scratch=Path(scratch), seed=seed, daemon=daemon)
-        account: Account = {"seed": seed, "phones": pool.map(work, range(phones), chunksize=1)}
+        lived = pool.map(work, range(phones), chunksize=1)
+    account: Account = {"seed": seed, "phones": [one for told in lived for one in told]}
     sharing = [told for told in account["phones"] if "shared" in told["attention"]]
     for told in sharing if len(sharing) < SHARED else ():
         told["attention"].remove("shared")
@@ -82,26 +83,30 @@ def totals(phones: List[Account]) -> Account:
     }
 
 
-def simulate(index: int, out: Path, scratch: Path, seed: int, daemon: Optional[Path]) -> Account:
+def simulate(index: int, out: Path, scratch: Path, seed: int, daemon: Optional[Path]) -> List[Account]:
+    """What happened to a phone, and what an image of it holds, if somebody keeps one."""
     stories = list(read_json(STORIES)["stories"].items())
     name, (story, attention) = f"SN{1001 + index}", stories[(index + seed) % len(stories)]
     lived = SimulatedPhone(scratch / name, index, seed, daemon)
     for step in story.split(", "):
         lived.step(step)
     lived.require_account()
-    pulled = out / name
-    if KEEP_IMAGE in story:
-        pulled.mkdir()
-        image = device.read_image(device.partition_path(lived.folder, records.RAWDUMP))
-        device.write_image(pulled / f"{records.RAWDUMP}.img", image)
     # What is pulled into a folder that is there already gets one of its own in it.
-    pulled = pulled / Path(phone.RELIABILITY).name if KEEP_IMAGE in story or index % 5 == 3 else pulled
+    pulled = out / name / Path(phone.RELIABILITY).name if index % 5 == 3 else out / name
     shutil.copytree(lived.on_data(phone.RELIABILITY), pulled, copy_function=shutil.copyfile)
-    shutil.rmtree(lived.folder)
     # What has neither a line nor a folder, nobody can find.
     boots = [boot for boot in lived.boots if boot["line"] or boot["collection"]]
-    waiting = int("waiting" in attention)
-    return {"name": name, "story": story, "attention": attention, "waiting": waiting, "boots": boots}
+    rules = [rule for rule in attention if rule != WAITING]
+    told: List[Account] = [{"name": name, "story": story, "attention": rules, "waiting": 0, "boots": boots}]
+    if KEEP_IMAGE in story:
+        image = device.read_image(device.partition_path(lived.folder, records.RAWDUMP))
+        device.write_image(out / f"{name}-{records.RAWDUMP}.img", image)
+        rules = [rule for rule in attention if rule == WAITING]
+        told.append(
+            {**told[0], "name": f"{name}-{records.RAWDUMP}", "attention": rules, "waiting": len(rules), "boots": []}
+        )
+    shutil.rmtree(lived.folder)
+    return told
 
 
 class SimulatedPhone:

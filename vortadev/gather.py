@@ -43,19 +43,15 @@ def read(source: Source, since: Optional[datetime] = None) -> Phone:
 
 
 def read_whole(source: Source) -> Phone:
-    images = [reading.read(path) for path in source.images]
-    phone = Phone(source.name, printable(str(source.path)))
-    if source.path not in source.images:
-        report = reading.read(source.path)
-        phone = read_folder(phone, source.path, report)
-        folders = ("dumps", "fulldumps", "history")
-        images += [{k: v for k, v in report.items() if k not in folders}] if "reasonHeader" in report else []
-    parts = [(image, name) for image in images for name in ("reasonHeader", "minidump", "meta", "fulldump")]
-    found = [(image, image[name]) for image, name in parts if name in image]
-    problems = [*phone.problems, *(problem for image in images for problem in image["problems"])]
-    problems += [f"{image['path']}: {part['problem']}" for image, part in found if "problem" in part]
-    waiting = sum(bool(part.get("waiting")) for _, part in found)
-    return replace(phone, images=tuple(images), waiting=waiting, problems=tuple(dict.fromkeys(problems)))
+    report = reading.read(source.path)
+    phone = read_folder(Phone(source.name, printable(str(source.path))), source.path, report)
+    if "reasonHeader" not in report and "meta" not in report:
+        return phone
+    image = {name: value for name, value in report.items() if name not in ("dumps", "fulldumps", "history")}
+    parts = [image[name] for name in ("reasonHeader", "minidump", "meta", "fulldump") if name in image]
+    problems = dict.fromkeys((*phone.problems, *(part["problem"] for part in parts if "problem" in part)))
+    waiting = sum(bool(part.get("waiting")) for part in parts)
+    return replace(phone, images=(image,), waiting=waiting, problems=tuple(problems))
 
 
 def read_folder(phone: Phone, path: Path, report: Report) -> Phone:
@@ -72,7 +68,9 @@ def read_folder(phone: Phone, path: Path, report: Report) -> Phone:
         collection = collections.get(time)
         kernel = kernel_of(dumplog / time, collection, problems) if collection else None
         boots.append(boot_of(time, entry, collection, fulldumps.get(time), kernel))
-    phone = replace(phone, boots=tuple(boots), damaged=history["damagedBytes"], problems=tuple(problems))
+    others = [entry for entry in history["entries"] if not phones.RECORD_TIME.fullmatch(entry["time"])]
+    damaged = history["damagedBytes"] + sum(len(phones.history_line(**entry)) for entry in others)
+    phone = replace(phone, boots=tuple(boots), damaged=damaged, problems=tuple(problems))
     if report["kind"] not in (reading.LOG_FOLDER, reading.DUMP_FOLDER, reading.DEVICE):
         return phone  # a part, of which nothing can be missed
     paths = {"dumplog": printable(str(dumplog)), "history": printable(str(dumplog / phones.HISTORY_NAME))}

@@ -12,11 +12,12 @@ from datetime import datetime, tzinfo
 import importlib
 import os
 from pathlib import Path
-from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple
+import textwrap
+from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple, cast
 
 from . import attention, finding, gather, lines, terminal
 from .errors import DeviceError
-from .evidence import Attention, Boot, Phone, State, Totals, worst_first
+from .evidence import Attention, Phone, State, Totals, worst_first
 from .options import date, expected, number
 from .terminal import complain, say
 
@@ -24,10 +25,12 @@ NEEDED, FAILED = 1, 2  # statuses: some phone needs attention; there is no repor
 HEADS = ("PHONE", "BOOTS", "UNEXPECTED", "DAYS", "LAST", "CAUSES", "DUMPS", "ATTENTION")
 NUMBERS = ("BOOTS", "UNEXPECTED", "DAYS")
 # What gives way, in this order, where the terminal leaves less than that to the last column.
-LEAST_LEFT = 30
-SHRINK = {"LAST": 10, "CAUSES": 12, "UNEXPECTED": 5, "PHONE": 12, "DUMPS": 8}
-GAP = "  "
+LEAST_LEFT = 40
+SHRINK = {"LAST": 10, "UNEXPECTED": 5, "CAUSES": 10, "PHONE": 12, "DUMPS": 8}
+NARROW = 100  # columns
+MOST_SENTENCES = 20
 MOST_JOBS = 64
+WORST_FIRST = (State.CUT, State.OPEN, State.WAITING, State.WHOLE)
 BOLD, RED = "1", "31"
 
 
@@ -36,7 +39,7 @@ class Row:
     key: Tuple[int, int, str]
     cells: Dict[str, str]
     attentions: Tuple[Attention, ...]
-    crashes: Dict[str, Boot]
+    crashes: Dict[str, attention.Place]
     phone: Optional[Phone]  # kept for the page alone
 
 
@@ -75,7 +78,8 @@ def report(arguments: argparse.Namespace) -> int:
 
 def make(arguments: argparse.Namespace) -> int:
     """Gives how many phones need attention."""
-    sources, problems = finding.sources(arguments.paths)
+    problems: List[str] = []
+    sources = finding.sources(arguments.paths, problems)
     for problem in problems:
         complain(problem)
     if not sources:
@@ -92,12 +96,19 @@ def make(arguments: argparse.Namespace) -> int:
         totals.attention += add_shared(rows)
         rows.sort(key=lambda row: row.key)
         if write_page:
-            page = importlib.import_module(f"{__package__}.page")
-            for part in page.render([row.phone for row in rows], totals, datetime.now()):
+            for part in page_of([row.phone for row in rows if row.phone], totals):
                 write_page(part)
     if "-" not in (arguments.jsonl, arguments.html):
-        say(table(rows, terminal.width()) + summary(totals) + "\n")
+        say(table(rows, terminal.width()) + summary(totals, terminal.width()))
     return totals.attention
+
+
+def page_of(phones: Sequence[Phone], totals: Totals) -> Iterator[str]:
+    try:
+        page = importlib.import_module(f"{__package__}.page")
+    except ImportError:
+        raise DeviceError("this clone cannot write the page yet") from None
+    return cast(Iterator[str], page.render(phones, totals, datetime.now()))
 
 
 @contextmanager
@@ -151,8 +162,8 @@ def add_shared(rows: List[Row]) -> int:
 
 def row_of(phone: Phone, keep: bool) -> Row:
     causes = Counter(boot.cause for boot in phone.boots if boot.restart.unexpected)
-    states = Counter(found.state.value for found in phone.collections)
-    states.update({State.WAITING.value: phone.waiting} if phone.waiting else {})
+    states = Counter(found.state for found in phone.collections)
+    states[State.WAITING] = phone.waiting
     last = phone.last
     shown = (
         phone.name,
@@ -161,20 +172,22 @@ def row_of(phone: Phone, keep: bool) -> Row:
         str(phone.days or "-"),
         last.when.isoformat(" ", "minutes") if last and last.when else last.time if last else "-",
         ", ".join(f"{cause} {count}" for cause, count in causes.most_common()) or "-",
-        ", ".join(f"{states[state.value]} {state.value}" for state in State if states[state.value]) or "-",
+        ", ".join(f"{states[state]} {state.value}" for state in WORST_FIRST if states[state]) or "-",
     )
     crashes = attention.signatures(phone)
     return Row(worst_first(phone), dict(zip(HEADS, shown)), phone.attentions, crashes, phone if keep else None)
 
 
 def sentences(found: Sequence[Attention], room: int) -> str:
-    """As much as there is room for; what is left out is counted."""
+    """As many as there is room for, or else the words of their rules."""
     texts = [f"{one.time}: {one.text}" if one.time else one.text for one in found]
-    whole = "; ".join(texts)
-    if len(whole) <= room:
-        return whole
-    rules = Counter(one.rule for one in found)
-    return shortened(", ".join(f"{rule} {count}" if count > 1 else rule for rule, count in rules.items()), room)
+    for shown in range(min(len(texts), MOST_SENTENCES), 0, -1):
+        more = [f"{len(texts) - shown} more"] if len(texts) > shown else []
+        text = "; ".join(texts[:shown] + more)
+        if len(text) <= room:
+            return text
+    words = ", ".join(dict.fromkeys(one.rule for one in found))
+    return shortened(texts[0] if texts and room >= LEAST_LEFT else words, room)
 
 
 def shortened(text: str, room: int) -> str:
@@ -182,38 +195,34 @@ def shortened(text: str, room: int) -> str:
 
 
 def table(rows: Sequence[Row], columns: int) -> str:
+    gap = " " if columns < NARROW else "  "
     widths = {head: max(len(head), *(len(row.cells[head]) for row in rows)) for head in HEADS[:-1]}
+    room = columns - sum(widths.values()) - len(gap) * len(widths)
     for head, least in SHRINK.items():
-        over = LEAST_LEFT - room_left(widths, columns)
-        widths[head] -= min(max(over, 0), max(widths[head] - least, 0))
-    room = room_left(widths, columns)
-    text = terminal.coloured(line_of(dict(zip(HEADS, HEADS)), widths, HEADS[-1]), BOLD) + "\n"
+        less = min(max(LEAST_LEFT - room, 0), max(widths[head] - least, 0))
+        widths[head] -= less
+        room += less
+    heads = {head: head[:width] for head, width in widths.items()}
+    text = terminal.coloured(line_of(heads, widths, gap) + HEADS[-1][:room], BOLD) + "\n"
     for row in rows:
-        start = line_of(row.cells, widths, "")
-        text += start + terminal.coloured(sentences(row.attentions, room), RED) + "\n"
+        cells = {**row.cells, "LAST": row.cells["LAST"][: widths["LAST"]]}  # the day is what counts
+        needs = terminal.coloured(sentences(row.attentions, room), RED)
+        text += (line_of(cells, widths, gap) + needs).rstrip() + "\n"
     return text
 
 
-def room_left(widths: Dict[str, int], columns: int) -> int:
-    return columns - sum(widths.values()) - len(GAP) * len(widths)
+def line_of(cells: Dict[str, str], widths: Dict[str, int], gap: str) -> str:
+    shown = ((head, shortened(cells[head], width), width) for head, width in widths.items())
+    return "".join((text.rjust(width) if head in NUMBERS else text.ljust(width)) + gap for head, text, width in shown)
 
 
-def line_of(cells: Dict[str, str], widths: Dict[str, int], last: str) -> str:
-    shown = ((head, shortened(cells[head], width)) for head, width in widths.items())
-    parts = (text.rjust(widths[head]) if head in NUMBERS else text.ljust(widths[head]) for head, text in shown)
-    return GAP.join((*parts, last))
-
-
-def summary(totals: Totals) -> str:
-    states = [f"{count} {state.value}" for state, count in totals.states.items() if count]
-    collected = sum(totals.states.values())
-    parts = [
-        f"{many(totals.phones, 'phone')}, {many(totals.boots, 'boot')}, {totals.unexpected} unexpected",
-        many(collected, "collection") + (f": {', '.join(states)}" if states else ""),
-        *([f"{many(totals.waiting, 'dump')} waiting"] if totals.waiting else []),
-        f"{many(totals.attention, 'phone')} need{'s' if totals.attention == 1 else ''} attention",
-    ]
-    return "; ".join(parts)
+def summary(totals: Totals, columns: int) -> str:
+    states = ", ".join(f"{count} {state.value}" for state, count in totals.states.items() if count)
+    collected = many(sum(totals.states.values()), "collection") + (f": {states}" if states else "")
+    waiting = f"; {many(totals.waiting, 'dump')} waiting" if totals.waiting else ""
+    text = f"{many(totals.phones, 'phone')}, {many(totals.boots, 'boot')}, {totals.unexpected} unexpected; {collected}"
+    text += f"{waiting}; {many(totals.attention, 'phone')} need{'s' if totals.attention == 1 else ''} attention"
+    return textwrap.fill(text, columns) + "\n"
 
 
 def many(count: int, what: str) -> str:

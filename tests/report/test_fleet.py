@@ -30,9 +30,10 @@ def fixture_made(tmp_path_factory: pytest.TempPathFactory) -> Tuple[Path, Accoun
 
 
 def read(out: Path) -> List[Phone]:
-    sources, problems = finding.sources([out])
+    problems: List[str] = []
+    found = [gather.read(source) for source in finding.sources([out], problems)]
     assert problems == []
-    return [gather.read(source) for source in sources]
+    return sorted(found, key=lambda phone: phone.name)
 
 
 def told(boot: Boot) -> Account:
@@ -56,8 +57,9 @@ def test_each_boot_and_each_attention_is_found_and_no_other(made: Tuple[Path, Ac
     out, account = made
     found = read(out)
     shared = attention.shared([attention.signatures(phone) for phone in found])
-    assert [phone.name for phone in found] == [phone["name"] for phone in account["phones"]]
-    for phone, common, expected in zip(found, shared, account["phones"]):
+    expectations = sorted(account["phones"], key=lambda phone: str(phone["name"]))
+    assert [phone.name for phone in found] == [phone["name"] for phone in expectations]
+    for phone, common, expected in zip(found, shared, expectations):
         wanted = [{name: value for name, value in boot.items() if name != "simulated"} for boot in expected["boots"]]
         for boot in wanted:
             boot["kernel"] = boot["kernel"] and {name: boot["kernel"][name] for name in ("function", "version")}

@@ -75,12 +75,8 @@ def waiting(report: Report) -> List[str]:
     header = report["reasonHeader"]
     warm = header.get("resetType") == records.magic_text(records.RESET_WARM)
     reserved = header.get("fulldumpReservedFlag") == records.magic_text(records.FULLDUMP_RESERVED)
-    waits = {
-        "logs": warm and header["bootLevel"] >= records.ABNORMAL_LEVEL,
-        "minidump": report["minidump"]["waiting"],
-        "fulldump": reserved,
-    }
-    return [name for name, does in waits.items() if does]
+    logs = ["logs"] if warm and header["bootLevel"] >= records.ABNORMAL_LEVEL else []
+    return logs + ["minidump"] * report["minidump"]["waiting"] + ["fulldump"] * reserved
 
 
 def cut_off(size: int, packs: bool) -> List[str]:
@@ -88,11 +84,10 @@ def cut_off(size: int, packs: bool) -> List[str]:
     regions = {"reasonHeader": records.REASON_REGION, **records.LOG_REGIONS}
     if packs:
         regions["minidump"] = records.MINIDUMP_REGION
-    there = {name: min(max(size - region.offset, 0), region.size) for name, region in regions.items()}
     return [
-        f"{name}: {there[name]} of {region.size} bytes are there"
+        f"{name}: {max(size - region.offset, 0)} of {region.size} bytes are there"
         for name, region in regions.items()
-        if there[name] < region.size
+        if size < region.offset + region.size
     ]
 
 

@@ -280,8 +280,8 @@ def read_collected(folder: Path) -> Report:
     report: Report = {"name": printable(folder.absolute().name), "size": 0, "done": False, "files": {}}
     try:
         entries, more = list_folder(folder)
-        names = sorted(entries)
-        sizes = {name: size_of(folder / name) for name in names[:FILES_LISTED]}
+        names = list(entries)
+        sizes = {name: size_of(folder / name) for name in sorted(names[:FILES_LISTED])}
     except DeviceError as error:
         return {**report, "problem": printable(str(error))}
     more += len(names[FILES_LISTED:])

@@ -107,8 +107,10 @@ HOSTILE: Dict[str, Callable[[Path], Any]] = {  # what is done to a dumplog besid
         dumplog.parent / "secret/history.log"
     ),
     "only the first 2.0 MiB": history_of(1 << 30),
-    "904 more names": lambda dumplog: [(dumplog / f"{number:05}").mkdir() for number in range(5000)],
-    "50 more names": lambda dumplog: [os.makedirs(dumplog / BOOT / str(number)) for number in range(150)],
+    "905 more names": lambda dumplog: [(dumplog / name).mkdir() for name in [BOOT, *map("{:05}".format, range(5000))]],
+    "  DONE\n    51 more names": lambda dumplog: [
+        os.makedirs(dumplog / BOOT / name) for name in ["DONE", *map(str, range(150))]
+    ],
     "\\xff" * 255: lambda dumplog: os.makedirs(os.fsencode(dumplog / BOOT) + b"/" + b"\xff" * 255),
     "data: no such folder": lambda dumplog: poses_as_device(dumplog, "data", dumplog.parent / "secret"),
     "rawdump is a link": lambda dumplog: poses_as_device(dumplog, "dev/block/by-name/rawdump", Path("/etc/passwd")),
@@ -124,6 +126,7 @@ def test_hostile_folder_is_told_in_a_sentence(tmp_path: Path, said: str) -> None
         (folder / "history.log").write_text("system exception core [NA], reason [secret], time [")
     HOSTILE[said](dumplog)
     text = show.words(reading.read(dumplog))
+    assert BOOT in text or not (dumplog / BOOT).exists()
     assert said in text and "[secret" not in text and all(char.isprintable() or char == "\n" for char in text)
 
 

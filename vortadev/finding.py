@@ -32,7 +32,7 @@ def sources(paths: Iterable[Path], problems: List[str]) -> List[Source]:
             found += below(path, DEPTH, problems) if path.is_dir() else [file_source(path)]
         except DeviceError as error:
             problems.append(str(error))
-    once = list({source.path.resolve(): source for source in found}.values())
+    once = list({source.path.resolve(): source for source in reversed(found)}.values())[::-1]  # as found first
     names = Counter(source.name for source in once)
     return [replace(one, name=printable(str(one.path))) if names[one.name] > 1 else one for one in once]
 

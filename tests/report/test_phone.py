@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from datetime import datetime
+import gzip
 from pathlib import Path
 from typing import Dict, List, Mapping, Optional, Sequence, Tuple
 
@@ -52,9 +53,9 @@ STATES: Mapping[str, Tuple[Files, bool, str, str]] = {
     "half a minidump": ({**WHOLE, "rawdump.bin": MINIDUMP[:9999]}, True, "cut", "cut"),
     "without its last byte": ({**WHOLE, "rawdump.bin": MINIDUMP[:-1]}, True, "cut", "cut"),
     "with another checksum": ({**WHOLE, "rawdump.bin": MINIDUMP[:-8] + b"12345678"}, True, "cut", "cut"),
-    "two packed as one": ({**WHOLE, "rawdump.bin": pulled.gzip.compress(bytes(99))}, True, "cut", "cut"),
+    "two packed as one": ({**WHOLE, "rawdump.bin": gzip.compress(bytes(99))}, True, "cut", "cut"),
     "four times its size": (
-        {**WHOLE, "rawdump.bin": pulled.gzip.compress(bytes(4 * pulled.MINIDUMP_SIZE), 1)},
+        {**WHOLE, "rawdump.bin": gzip.compress(bytes(4 * pulled.MINIDUMP_SIZE), 1)},
         True,
         "cut",
         "cut",

@@ -11,6 +11,7 @@ import os
 from pathlib import Path
 from random import Random
 import shutil
+import signal
 import tempfile
 from typing import Any, Callable, Dict, List, Optional, Sequence
 
@@ -51,16 +52,18 @@ def fleet(arguments: argparse.Namespace) -> int:
 
 def make(out: Path, phones: int, seed: int, jobs: int, daemon: Optional[Path] = None) -> Account:
     """The folders, a phone each, and beside them the account, which it gives as well."""
-    from multiprocessing import Pool
+    from concurrent.futures import ProcessPoolExecutor
 
     try:
         out.mkdir(parents=True)
     except OSError as error:
         raise DeviceError(f"cannot make the folder {out}: {error.strerror}") from error
     memory = MEMORY if os.access(MEMORY, os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="vortadev-", dir=memory) as scratch, Pool(jobs) as pool:
+    with tempfile.TemporaryDirectory(prefix="vortadev-", dir=memory) as scratch, ProcessPoolExecutor(
+        jobs, initializer=leave_signals
+    ) as pool:
         work = partial(simulate, out=out.absolute(), scratch=Path(scratch), seed=seed, daemon=daemon)
-        lived = pool.map(work, range(phones), chunksize=1)
+        lived = list(pool.map(work, range(phones)))
     account: Account = {"seed": seed, "phones": [one for told in lived for one in told]}
     sharing = [told for told in account["phones"] if "shared" in told["attention"]]
     for told in sharing if len(sharing) < SHARED else ():
@@ -68,6 +71,12 @@ def make(out: Path, phones: int, seed: int, jobs: int, daemon: Optional[Path] = 
     account["totals"] = totals(account["phones"])
     (out / ACCOUNT_NAME).write_text(json.dumps(account, indent=2) + "\n", "ascii")
     return account
+
+
+def leave_signals() -> None:
+    """An interrupt is the first process's to answer; it waits for the phones that are being made."""
+    signal.signal(signal.SIGINT, signal.SIG_IGN)
+    signal.signal(signal.SIGTERM, signal.SIG_DFL)
 
 
 def totals(phones: List[Account]) -> Account:

@@ -166,7 +166,7 @@ def waiting(phone: Phone) -> Iterator[Attention]:
                 yield Attention("waiting", f"{text} still waits in the partition", image["path"])
 
 
-def nearly_full(phone: Phone) -> Iterator[Attention]:
+def full(phone: Phone) -> Iterator[Attention]:
     store = phone.storage
     if store and store.first and store.size >= NEAR * store.limit:
         if_so = "" if store.build else f", if the build is {build_of(store.limit)}"
@@ -195,7 +195,7 @@ RULES: Tuple[Rule, ...] = (
     no_folder,
     history,
     clock,
-    nearly_full,
+    full,
     unread,
 )
 

@@ -50,6 +50,8 @@ def read_whole(source: Source) -> Phone:
     image = {name: value for name, value in report.items() if name not in ("dumps", "fulldumps", "history")}
     parts = [image[name] for name in ("reasonHeader", "minidump", "meta", "fulldump") if name in image]
     problems = dict.fromkeys((*phone.problems, *(part["problem"] for part in parts if "problem" in part)))
+    if report["kind"] != reading.DEVICE and report["description"]:
+        problems[report["description"]] = None  # the image ends early
     waiting = sum(bool(part.get("waiting")) for part in parts)
     return replace(phone, images=(image,), waiting=waiting, problems=tuple(problems))
 
@@ -63,19 +65,24 @@ def read_folder(phone: Phone, path: Path, report: Report) -> Phone:
     lined, problems = {entry["time"] for entry in lines}, report["problems"] + problems_of(report)
     collections = {time: collection_of(dumplog / time, dump, time in lined) for time, dump in dumps.items()}
     fulldumps = fulldumps_of(fulldumplog, report.get("fulldumps", {"files": {}}))
+    minidump = any(found.minidump is not State.ABSENT for found in collections.values())
     boots = []
     for time, entry in in_order(lines, {*collections, *fulldumps}):
-        collection = collections.get(time)
+        collection = collections.pop(time, None)  # a second line of that time has none
         kernel = kernel_of(dumplog / time, collection, problems) if collection else None
         boots.append(boot_of(time, entry, collection, fulldumps.get(time), kernel))
     others = [entry for entry in history["entries"] if not phones.RECORD_TIME.fullmatch(entry["time"])]
     damaged = history["damagedBytes"] + sum(len(phones.history_line(**entry)) for entry in others)
     phone = replace(phone, boots=tuple(boots), damaged=damaged, problems=tuple(problems))
-    if report["kind"] not in (reading.LOG_FOLDER, reading.DUMP_FOLDER, reading.DEVICE):
+    if report["kind"] not in (reading.LOG_FOLDER, reading.DUMP_FOLDER, reading.DEVICE) or report["problems"]:
         return phone  # a part, of which nothing can be missed
-    paths = {"dumplog": printable(str(dumplog)), "history": printable(str(dumplog / phones.HISTORY_NAME))}
-    properties = devices.on_device(path, phones.BUILD_PROP) if report["kind"] == reading.DEVICE else None
-    return replace(phone, storage=storage_of(dumplog, report, collections, bool(fulldumps), properties), **paths)
+    build = build_of(path) if report["kind"] == reading.DEVICE else "internal" if fulldumps else None
+    return replace(
+        phone,
+        storage=storage_of(dumplog, report, build, minidump),
+        dumplog=printable(str(dumplog)),
+        history=printable(str(dumplog / phones.HISTORY_NAME)),
+    )
 
 
 def folders_of(path: Path, kind: str) -> Tuple[Path, Path]:
@@ -189,22 +196,20 @@ def kernel_of(folder: Path, collection: Collection, problems: List[str]) -> Opti
     return kernellog.read(phones.strings(data) if name == raw else data)
 
 
-def storage_of(
-    dumplog: Path, report: Report, collections: Dict[str, Collection], fulldump: bool, properties: Optional[Path]
-) -> Storage:
-    size = sum(dump["size"] for dump in report.get("dumps", ()))
-    entries: Dict[str, bool] = {}
+def build_of(device: Path) -> Optional[str]:
     try:
-        entries = outside.list_folder(dumplog).entries
-        found = [(dumplog / name).lstat() for name in entries]
-        size += sum(status.st_size for status in found if stat.S_ISREG(status.st_mode))
-    except (DeviceError, OSError):
-        pass  # it is told where its folders are read
-    build = "internal" if fulldump else None
-    if properties:
-        types = USER_TYPE.findall(outside.File(properties).at(0, PROPERTIES_LIMIT))
-        build = "internal" if types and int(types[-1] or 0) in INTERNAL_USERS else "commercial"
-    minidumps = any(found.minidump is not State.ABSENT for found in collections.values())
-    limit = phones.DUMPLOG_LIMITS[build or ("internal" if minidumps else "commercial")]
+        types = USER_TYPE.findall(outside.File(devices.on_device(device, phones.BUILD_PROP)).at(0, PROPERTIES_LIMIT))
+    except DeviceError:
+        return None
+    return "internal" if types and int(types[-1] or 0) in INTERNAL_USERS else "commercial"
+
+
+def storage_of(dumplog: Path, report: Report, build: Optional[str], minidump: bool) -> Storage:
+    """The likely limit where the build is not known: sold phones keep minidumps only for remote debugging."""
+    limit = phones.DUMPLOG_LIMITS[build or ("internal" if minidump else "commercial")]
+    entries = outside.list_folder(dumplog).entries
+    found = [(dumplog / name).lstat() for name in entries]
+    size = sum(dump["size"] for dump in report.get("dumps", ()))
+    size += sum(status.st_size for status in found if stat.S_ISREG(status.st_mode))
     first = min(entries, default="")  # a file there is never removed, and keeps the folders behind it
     return Storage(size, limit, build, printable(first) if entries.get(first) else None)

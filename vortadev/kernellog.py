@@ -56,16 +56,16 @@ def kernel_lines(text: str) -> Tuple[List[str], List[str], Optional[float]]:
     older log or TrustZone's may follow. A log without stamps is taken whole."""
     lines = [line[:LINE_LIMIT] for line in text.rstrip("\n").split("\n")]
     messages: List[str] = []
-    latest, end = None, len(lines)
-    for line in lines:
+    latest, end = -1.0, len(lines)
+    for place, line in enumerate(lines, 1):
         found = STAMP.match(line)
         if found:
             seconds = float(found[1])
-            if latest is not None and seconds < latest - SLACK:
+            if seconds < latest - SLACK:
                 break
-            latest, end = max(latest or 0.0, seconds), len(messages) + 1
+            latest, end = seconds if seconds > latest else latest, place
         messages.append(line[found.end() :] if found else line)
-    return lines[:end], messages[:end], latest
+    return lines[:end], messages[:end], latest if latest >= 0 else None
 
 
 def last_crash(messages: List[str]) -> Tuple[int, Optional[int]]:

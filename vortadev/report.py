@@ -202,13 +202,13 @@ def table(rows: Sequence[Row], columns: int) -> str:
         less = min(max(LEAST_LEFT - room, 0), max(widths[head] - least, 0))
         widths[head] -= less
         room += less
-    heads = {head: head[:width] for head, width in widths.items()}
-    text = terminal.coloured(line_of(heads, widths, gap) + HEADS[-1][:room], BOLD) + "\n"
+    heads = line_of({head: head[:width] for head, width in widths.items()}, widths, gap) + HEADS[-1][:room]
+    text = [terminal.coloured(heads, BOLD)]
     for row in rows:
         cells = {**row.cells, "LAST": row.cells["LAST"][: widths["LAST"]]}  # the day is what counts
         needs = terminal.coloured(sentences(row.attentions, room), RED)
-        text += (line_of(cells, widths, gap) + needs).rstrip() + "\n"
-    return text
+        text.append((line_of(cells, widths, gap) + needs).rstrip())
+    return "\n".join(text) + "\n"
 
 
 def line_of(cells: Dict[str, str], widths: Dict[str, int], gap: str) -> str:

@@ -7,6 +7,7 @@ import os
 import shutil
 import sys
 import time
+from typing import Optional, TextIO
 
 from .errors import DeviceError, printable
 
@@ -31,13 +32,17 @@ def say(text: str) -> None:
         raise DeviceError(f"cannot write standard output: {error.strerror}") from None
 
 
+def is_terminal(stream: Optional[TextIO]) -> bool:
+    return stream is not None and stream.isatty()
+
+
 def width() -> int:
     """Of the terminal that standard output is; elsewhere lines have no end."""
-    return shutil.get_terminal_size((1 << 16, 0)).columns if sys.stdout.isatty() else 1 << 16
+    return shutil.get_terminal_size().columns if is_terminal(sys.stdout) else 1 << 16
 
 
 def coloured(text: str, colour: str) -> str:
-    shows = sys.stdout.isatty() and not os.environ.get("NO_COLOR") and os.environ.get("TERM") != "dumb"
+    shows = is_terminal(sys.stdout) and not os.environ.get("NO_COLOR") and os.environ.get("TERM") != "dumb"
     return f"\x1b[{colour}m{text}\x1b[0m" if shows and text else text
 
 
@@ -47,7 +52,7 @@ class Progress:
     def __init__(self, total: int, what: str) -> None:
         self.total, self.what, self.done = total, what, 0
         self.start = self.shown = time.monotonic()
-        self.shows = sys.stderr is not None and sys.stderr.isatty()
+        self.shows = is_terminal(sys.stderr)
 
     def step(self) -> None:
         self.done += 1

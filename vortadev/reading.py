@@ -37,7 +37,7 @@ IMAGE_FOLDER = "folder of images"
 
 def read(path: Path, kind: str = "") -> Report:
     """`kind` says of a file which partition's image it is, where it does not say so itself."""
-    report = new_report(path)
+    report: Report = {"path": printable(str(path)), "kind": "", "description": "", "problems": []}
     try:
         mode = path.stat().st_mode
     except OSError as error:
@@ -54,10 +54,6 @@ def read(path: Path, kind: str = "") -> Report:
     else:
         raise DeviceError(f"{path} is no file or folder that can be shown")
     return report
-
-
-def new_report(path: Path) -> Report:
-    return {"path": printable(str(path)), "kind": "", "description": "", "problems": []}
 
 
 def text_of(data: bytes) -> str:
@@ -245,12 +241,9 @@ def read_device(device: Path, report: Report) -> None:
         report["description"] = printable(str(scenario.get("description", "")))
     except (DeviceError, ValueError, AttributeError, RecursionError):
         pass  # what the device holds can be told without
-    rawdump, userdata, bootfail = [
-        File(devices.partition_path(device, name)) for name in (records.RAWDUMP, records.USERDATA, records.BOOTFAIL)
-    ]
-    read_rawdump(rawdump, report)
-    read_bootfail(bootfail, report)
-    read_userdata(userdata, report)
+    read_rawdump(File(devices.partition_path(device, records.RAWDUMP)), report)
+    read_bootfail(File(devices.partition_path(device, records.BOOTFAIL)), report)
+    read_userdata(File(devices.partition_path(device, records.USERDATA)), report)
     try:
         read_reliability(inside(device, phone.RELIABILITY), report)
     except DeviceError as error:

@@ -31,6 +31,7 @@ LARGEST = 200  # phones; each has crashes of its own
 MEMORY = Path("/dev/shm")  # devices write synchronously, as a phone does; in memory that costs nothing
 FIRST_DAY, UNSET = datetime(2026, 6, 1, 7), datetime(1970, 1, 1, 0, 0, 10)
 TIME_LIMIT = 120.0  # seconds of a boot, generous
+SANITIZER = {"ASAN_OPTIONS": "verify_asan_link_order=0"}  # the library that sets the clock comes first
 SHARED, SHARED_CRASH = 3, 511  # phones from which on a crash is more than one phone's; the number of that crash
 KEEP_IMAGE, WAITING = "(somebody keeps an image)", "waiting"
 
@@ -153,12 +154,15 @@ class SimulatedPhone:
         when = UNSET if "1970" in words else self.now - timedelta(days=40 if "back" in words else 0)
         if kind["base"]:
             self.prepare(kind["base"], next((word for word in words if word.isupper()), ""))
-        options = Options(daemon=self.daemon, date=when, timeout=TIME_LIMIT)
+        options = Options(daemon=self.daemon, date=when, timeout=TIME_LIMIT, environment=SANITIZER)
         options.data_size = self.size_with_room(kind["room"]) if "room" in kind else None
         # The first longer file ends the daemon, as a power cut at this place would.
         options.wrapper = ["prlimit", f"--fsize={kind['fileLimit']}"] if "fileLimit" in kind else []
-        found = check.RECORD_TIME.search(sandbox.run(self.folder, phone.RAINBOW, options, capture=True).log)
-        boot = {"time": found[1] if found else "", "simulated": name, "restart": kind["restart"], "line": True}
+        run = sandbox.run(self.folder, phone.RAINBOW, options, capture=True)
+        found = check.RECORD_TIME.search(run.log)
+        if not found:
+            raise DeviceError(f"the daemon did not boot: {run.err.decode('utf-8', 'replace')}")
+        boot = {"time": found[1], "simulated": name, "restart": kind["restart"], "line": True}
         boot.update(self.reason, kernel=self.kernel if "log" in kind else None)
         boot.update({part: kind.get(part) for part in ("collection", "minidump", "fulldump")})
         self.boots.append({**boot, **({} if kind.get("line", True) else NO_LINE)})

@@ -179,7 +179,8 @@ def build_of(limit: int) -> str:
 
 
 def unread(phone: Phone) -> Iterator[Attention]:
-    return (Attention("unread", problem, phone.path) for problem in phone.problems)
+    for problem in phone.problems:
+        yield Attention("unread", problem.replace(f"{phone.path}/", ""), phone.path)
 
 
 # What weighs most comes first: a narrow terminal has no room for more.

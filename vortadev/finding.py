@@ -31,10 +31,10 @@ def sources(paths: Iterable[Path], problems: List[str]) -> List[Source]:
         try:
             found += below(path, DEPTH, problems) if path.is_dir() else [file_source(path)]
         except DeviceError as error:
-            problems.append(str(error))
+            problems.append(str(error).partition("; --as")[0])  # which is an option of show
     once = list({source.path.resolve(): source for source in reversed(found)}.values())[::-1]  # as found first
     names = Counter(source.name for source in once)
-    return [replace(one, name=printable(str(one.path))) if names[one.name] > 1 else one for one in once]
+    return [replace(one, name=path_name(one.path)) if names[one.name] > 1 else one for one in once]
 
 
 def file_source(path: Path) -> Source:
@@ -46,6 +46,13 @@ def own_name(folder: Path) -> str:
     """The name of the nearest folder that can be called as its phone."""
     names = [part for part in folder.resolve().parts if part not in COMMON_NAMES]
     return printable(names[-1] if names else str(folder))
+
+
+def path_name(path: Path) -> str:
+    """The path, without what is the same on each phone."""
+    while path.name in COMMON_NAMES and path.parent != path:
+        path = path.parent
+    return printable(str(path))
 
 
 def below(folder: Path, depth: int, problems: List[str]) -> List[Source]:

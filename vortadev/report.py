@@ -26,7 +26,7 @@ HEADS = ("PHONE", "BOOTS", "UNEXPECTED", "DAYS", "LAST", "CAUSES", "DUMPS", "ATT
 NUMBERS = ("BOOTS", "UNEXPECTED", "DAYS")
 # What gives way, in this order, where the terminal leaves less than that to the last column.
 LEAST_LEFT = 40
-SHRINK = {"LAST": 10, "UNEXPECTED": 5, "CAUSES": 10, "PHONE": 12, "DUMPS": 8}
+SHRINK = (("PHONE", 24), ("LAST", 10), ("UNEXPECTED", 5), ("CAUSES", 10), ("PHONE", 12), ("DUMPS", 8))
 NARROW = 100  # columns
 MOST_SENTENCES = 20
 MOST_JOBS = 64
@@ -198,7 +198,7 @@ def table(rows: Sequence[Row], columns: int) -> str:
     gap = " " if columns < NARROW else "  "
     widths = {head: max(len(head), *(len(row.cells[head]) for row in rows)) for head in HEADS[:-1]}
     room = columns - sum(widths.values()) - len(gap) * len(widths)
-    for head, least in SHRINK.items():
+    for head, least in SHRINK:
         less = min(max(LEAST_LEFT - room, 0), max(widths[head] - least, 0))
         widths[head] -= less
         room += less
@@ -206,6 +206,7 @@ def table(rows: Sequence[Row], columns: int) -> str:
     text = [terminal.coloured(heads, BOLD)]
     for row in rows:
         cells = {**row.cells, "LAST": row.cells["LAST"][: widths["LAST"]]}  # the day is what counts
+        cells["PHONE"] = shortened(cells["PHONE"][::-1], widths["PHONE"])[::-1]  # of a path, its end
         needs = terminal.coloured(sentences(row.attentions, room), RED)
         text.append((line_of(cells, widths, gap) + needs).rstrip())
     return "\n".join(text) + "\n"

@@ -56,7 +56,7 @@ def test_phones_are_found_and_named(tmp_path: Path) -> None:
     problems: List[str] = []
     found = finding.sources([tmp_path, tmp_path / "SN1", tmp_path / "again/SN5"], problems)
     names = [source.name for source in found]
-    twice = [str(tmp_path / "again/SN5/reliability"), str(tmp_path / "x/again/SN5/reliability")]
+    twice = [str(tmp_path / "again/SN5"), str(tmp_path / "x/again/SN5")]
     assert sorted(names) == sorted(["SN1", "SN2", "SN3", "SN4", "SN6", "image", *twice])
     assert problems == [f"{tmp_path / 'empty'}: no phone's folder or image was found in it"]
 

@@ -12,7 +12,7 @@ import signal
 import sys
 from typing import Any, List, NoReturn, Optional, Sequence
 
-from . import __version__, device, phone, reading, records, report, scenario, show
+from . import __version__, device, extract, fleet, phone, reading, records, report, scenario, show
 from .document import read_document, read_json
 from .errors import DeviceError, printable
 from .options import add_run_options, number, run_options
@@ -99,21 +99,29 @@ def check(arguments: argparse.Namespace) -> int:
     return status
 
 
+def make_fleet(arguments: argparse.Namespace) -> int:
+    """folders as pulled from many phones, to try report on, and an account of what is in them"""
+    require_linux()
+    return fleet.fleet(arguments)
+
+
 COMMANDS = {
     "create": create,
     "run": run,
     "show": show_paths,
+    "extract": extract.extract,
     "report": report.report,
     "scenarios": list_scenarios,
     "check": check,
     "shell": shell,
+    "fleet": make_fleet,
 }
 
 
 def require_linux() -> None:
     if not sys.platform.startswith("linux"):
         raise DeviceError(
-            "run, check and shell need Linux; show and report read devices, images and pulled folders anywhere"
+            "run, check, shell and fleet need Linux; show, extract and report read devices, images and folders anywhere"
         )
 
 
@@ -146,8 +154,12 @@ def parser_of(command: str) -> Parser:
         parser.add_argument("--lines", metavar="N", type=lines, default=10, help="history lines to show (default 10)")
         kinds = (records.RAWDUMP, records.BOOTFAIL)
         parser.add_argument("--as", dest="kind", choices=kinds, default="", help="read a file as an image of that")
+    elif command == "extract":
+        extract.add_options(parser)
     elif command == "report":
         report.add_options(parser)
+    elif command == "fleet":
+        fleet.add_options(parser)
     elif command == "check":
         parser.add_argument("names", metavar="SCENARIO", nargs="*", help="names or .json files; default: all shipped")
         parser.add_argument("--update", action="store_true", help="promise the log of these boots from now on")

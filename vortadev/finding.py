@@ -7,7 +7,6 @@ from dataclasses import dataclass, replace
 from pathlib import Path
 from typing import Iterable, List
 
-from . import device as devices
 from . import outside, reading, records
 from . import phone as phones
 from .errors import DeviceError, printable
@@ -39,7 +38,7 @@ def sources(paths: Iterable[Path], problems: List[str]) -> List[Source]:
 
 
 def file_source(path: Path) -> Source:
-    is_history = reading.recognised(path.resolve()) == phones.HISTORY_NAME
+    is_history = reading.recognised(outside.File(path.resolve(), device=True)) == phones.HISTORY_NAME
     return Source(own_name(path.parent) if is_history else printable(path.stem), path)
 
 
@@ -57,7 +56,7 @@ def path_name(path: Path) -> str:
 
 
 def below(folder: Path, depth: int, problems: List[str]) -> List[Source]:
-    if devices.is_device(folder) or reading.pulled_kind(folder):
+    if reading.is_device(folder) or reading.pulled_kind(folder):
         return [Source(own_name(folder), folder)]
     found: List[Source] = []
     for name, is_folder in outside.list_folder(folder).entries.items() if depth else ():
@@ -77,7 +76,7 @@ def below(folder: Path, depth: int, problems: List[str]) -> List[Source]:
 
 def images(path: Path) -> List[Source]:
     try:
-        is_image = not path.is_symlink() and reading.recognised(path) in records.PARTITIONS
+        is_image = reading.recognised(outside.File(path)) in records.PARTITIONS
     except DeviceError:
         is_image = False
     return [Source(printable(path.stem), path)] if is_image else []

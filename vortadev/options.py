@@ -52,6 +52,9 @@ def date(text: str) -> Optional[datetime]:
     return when if when.year >= 1970 and not when.tzinfo else None
 
 
+local_time = checked("a local time from 1970 on, like 1970-01-01 00:00:10", date)
+
+
 def bind(text: str) -> Optional[Tuple[str, str]]:
     host, _, inside = text.partition(":")
     return (host, inside) if os.path.exists(host) and inside.startswith("/") else None
@@ -67,8 +70,7 @@ def add_run_options(parser: argparse.ArgumentParser) -> None:
     add = parser.add_argument
     add("--daemon", metavar="PROGRAM", type=Path, help="the daemon to run; default: build/host/vorta")
     add("--as-init", action="store_true", help="run it as init does; without arguments, both services")
-    time = checked("a local time from 1970 on, like 1970-01-01 00:00:10", date)
-    add("--date", metavar="WHEN", type=time, help="where the phone's clock begins, e.g. '1970-01-01 00:00:10'")
+    add("--date", metavar="WHEN", type=local_time, help="where the phone's clock begins, e.g. '1970-01-01 00:00:10'")
     add("--loop", action="store_true", help="put loop devices under the partition names (root)")
     size = checked("bytes or a size like 64MiB, up to 1048576GiB", data_size)
     add("--data-size", metavar="SIZE", type=size, help="make /data a file system of that size, e.g. 64MiB")

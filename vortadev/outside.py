@@ -6,15 +6,23 @@ from __future__ import annotations
 from dataclasses import dataclass
 import os
 from pathlib import Path
+import re
 import stat
 from typing import BinaryIO, Dict, NamedTuple
 
 from .errors import DeviceError
+from .phone import RECORD_TIME
 
 # What this system does not have, it does not need.
 OPEN_FLAGS = os.O_RDONLY
 for flag in ("O_NONBLOCK", "O_NOFOLLOW", "O_CLOEXEC", "O_NOCTTY", "O_BINARY"):
     OPEN_FLAGS |= getattr(os, flag, 0)
+# What vorta and init name so, among names of other software.
+OWN_NAME = re.compile(
+    rf"{RECORD_TIME.pattern}(-fulldump\.bin)?|(last_)?xbl_abl(_tmp)?|(last_kmsg|tz_log)(_tmp)?"
+    r"|rawdump\.bin|tmp\.bin|DONE|history\.log|dumplog|fulldumplog",
+    re.ASCII,
+)
 LISTED = 4096  # names of one folder; a phone makes a handful, other software may have put any number there
 
 
@@ -79,7 +87,7 @@ def is_folder(path: Path) -> bool:
 
 
 class Listing(NamedTuple):
-    entries: Dict[str, bool]  # the first names in their order, folders before all others; whether each is one
+    entries: Dict[str, bool]  # the phone's own names, then folders, then files, in their order; whether it is a folder
     more: int  # how many names were left out
 
 
@@ -88,7 +96,10 @@ def list_folder(folder: Path) -> Listing:
         raise DeviceError(f"{folder} is a link")
     try:
         with os.scandir(folder) as found:
-            names = sorted((not entry.is_dir(follow_symlinks=False), entry.name) for entry in found)
+            names = sorted(
+                (not OWN_NAME.fullmatch(entry.name), not entry.is_dir(follow_symlinks=False), entry.name)
+                for entry in found
+            )
     except OSError as error:
         raise failure(folder, error) from error
-    return Listing({name: not other for other, name in names[:LISTED]}, len(names[LISTED:]))
+    return Listing({name: not other for _, other, name in names[:LISTED]}, len(names[LISTED:]))

@@ -65,19 +65,20 @@ def history_line(reason: str, time: str, category: str) -> str:
 
 def parse_history(text: str) -> Tuple[List[HistoryEntry], int]:
     """The entries, oldest first, and how many characters belong to none."""
-    start, *others = HISTORY_TEXTS
-    entries, damaged = [], 0
+    start, before_time, before_category, end = HISTORY_TEXTS
+    middle = re.compile(f"{re.escape(before_time)}({RECORD_TIME.pattern}){re.escape(before_category)}", re.ASCII)
+    entries = []
     head, *lines = text.split(start)
+    damaged = len(head)
     for line in lines:
-        reason, found_time, rest = line.partition(others[0])
-        time, found_category, rest = rest.partition(others[1])
-        category, found_end, behind = rest.rpartition(others[2])
-        if found_time and found_category and found_end:
-            entries.append(HistoryEntry(time, category, reason))
+        found = middle.search(line)
+        category, found_end, behind = line[found.end() :].rpartition(end) if found else ("", "", "")
+        if found and found_end:
+            entries.append(HistoryEntry(found[1], category, line[: found.start()]))
             damaged += len(behind)
         else:
             damaged += len(start) + len(line)
-    return entries, damaged + len(head)
+    return entries, damaged
 
 
 def strings(data: bytes) -> bytes:

@@ -1,9 +1,10 @@
 """Reads what a device, a partition image or a folder pulled from a phone holds into a report: the object that
-`show --json` prints. What is read may come from anybody: no link is followed in it, nothing but files and folders is
-opened, and what cannot be read or understood is told as a `problem`."""
+`show --json` prints. What is read may come from anybody: `outside` opens it, and what cannot be read or understood is
+told as a `problem`."""
 
 from __future__ import annotations
 
+from contextlib import suppress
 import json
 import os
 from pathlib import Path
@@ -13,13 +14,17 @@ from typing import Any, Dict, List, Tuple
 from . import device as devices
 from . import phone, records
 from .errors import DeviceError, printable, size_text
+from .outside import File, failure, inside, is_folder, list_folder
 from .records import Kind, Record
 
 Report = Dict[str, Any]
 
-HISTORY_READ_LIMIT = 64 << 20  # far above the daemon's own limit
-RAWDUMP_END = records.MINIDUMP_REGION.offset + records.MINIDUMP_REGION.size
-BOOTFAIL_END = records.META_REGION.offset + records.META_REGION.size
+HISTORY_READ_LIMIT = 2 * phone.HISTORY_LIMIT  # a longer one is not the daemon's
+FILES_LISTED = 100  # of one collected boot
+ENDS = {  # what an image of a partition reaches to at least
+    records.RAWDUMP: records.MINIDUMP_REGION.offset + records.MINIDUMP_REGION.size,
+    records.BOOTFAIL: records.META_REGION.offset + records.META_REGION.size,
+}
 
 DUMPLOG, FULLDUMPLOG = Path(phone.DUMPLOG).name, Path(phone.FULLDUMPLOG).name
 DEVICE = "simulated device"
@@ -27,6 +32,7 @@ LOG_FOLDER = "log folder of a phone"
 DUMP_FOLDER = "dump folder of a phone"
 FULLDUMP_FOLDER = "full dump folder of a phone"
 BOOT_FOLDER = "collected boot of a phone"
+IMAGE_FOLDER = "folder of images"
 
 
 def read(path: Path, kind: str = "") -> Report:
@@ -35,29 +41,19 @@ def read(path: Path, kind: str = "") -> Report:
     try:
         mode = path.stat().st_mode
     except OSError as error:
-        raise DeviceError(f"cannot read {path}: {error.strerror}") from error
+        raise failure(path, error) from error
+    if path.is_symlink():  # this one was named by a person
+        path = path.resolve()
     if stat.S_ISDIR(mode) and kind:
         raise DeviceError(f"{path}: expected a file that is read as {kind}, found a folder")
     if stat.S_ISDIR(mode):
         read_folder(path, report)
     elif stat.S_ISREG(mode) or stat.S_ISBLK(mode):
-        read_file(path.resolve(), kind or recognised(path.resolve()), report)
+        file = File(path, device=True)
+        read_file(file, kind or recognised(file), report)
     else:
         raise DeviceError(f"{path} is no file or folder that can be shown")
     return report
-
-
-def bytes_of(path: Path, offset: int, size: int) -> bytes:
-    """The bytes of a range, as far as the file reaches."""
-    try:
-        mode = path.lstat().st_mode
-        if not stat.S_ISREG(mode) and not stat.S_ISBLK(mode):
-            raise DeviceError(f"{path} is no regular file")
-        with path.open("rb") as file:
-            file.seek(min(offset, file.seek(0, os.SEEK_END)))
-            return file.read(size)
-    except OSError as error:
-        raise DeviceError(f"cannot read {path}: {error.strerror}") from error
 
 
 def text_of(data: bytes) -> str:
@@ -67,24 +63,24 @@ def text_of(data: bytes) -> str:
 # Files
 
 
-def recognised(path: Path) -> str:
+def recognised(file: File) -> str:
     """The kind of a file, by what it says itself; its name decides only where its size fits and its records are
     clear."""
-    start = bytes_of(path, 0, records.REASON_HEADER.size)
+    start = file.at(0, records.REASON_HEADER.size)
     if start.startswith(b"\x1f\x8b"):
-        raise DeviceError(f"{path} is a packed dump, no partition image; gzip -dc unpacks it")
-    if path.name == phone.HISTORY_NAME or start.startswith(phone.HISTORY_TEXTS[0].encode("ascii")):
+        raise DeviceError(f"{file.path} is a packed dump, no partition image; gzip -dc unpacks it")
+    if file.path.name == phone.HISTORY_NAME or start.startswith(phone.HISTORY_TEXTS[0].encode("ascii")):
         return phone.HISTORY_NAME
     if speaks(start):
         return records.RAWDUMP
-    meta = bytes_of(path, records.META_REGION.offset, records.META_REGION.size)
+    meta = file.at(records.META_REGION.offset, records.META_REGION.size)
     if records.FULLDUMP_META.number(meta, "magic") == records.META_MAGIC:
         return records.BOOTFAIL
-    for kind, end in ((records.RAWDUMP, RAWDUMP_END), (records.BOOTFAIL, BOOTFAIL_END)):
-        if kind in path.name and bytes_of(path, end - 1, 1):
+    for kind, end in ENDS.items():
+        if kind in file.path.name and file.size() >= end:
             return kind
     raise DeviceError(
-        f"{path}: expected an image of {records.RAWDUMP} or {records.BOOTFAIL}, found the record of neither; "
+        f"{file.path}: expected an image of {records.RAWDUMP} or {records.BOOTFAIL}, found the record of neither; "
         f"--as {records.RAWDUMP} or --as {records.BOOTFAIL} reads it nevertheless"
     )
 
@@ -102,31 +98,29 @@ def speaks(header: bytes) -> bool:
     return any(records.REASON_HEADER.number(header, name) in known for name, known in words.items())
 
 
-def read_file(path: Path, kind: str, report: Report) -> None:
+def read_file(file: File, kind: str, report: Report) -> None:
     if kind == phone.HISTORY_NAME:
         report["kind"] = "history of a phone"
-        report["history"] = read_history(path)
+        report["history"] = read_history(file)
         return
     report["kind"] = f"{kind} image"
-    end = RAWDUMP_END if kind == records.RAWDUMP else BOOTFAIL_END
-    with path.open("rb") as file:
-        size = file.seek(0, os.SEEK_END)
+    size, end = file.size(), ENDS[kind]
     if size < end:
         report["description"] = f"Cut off: the first {size_text(size)} of at least {size_text(end)} are there"
     if kind == records.RAWDUMP:
-        read_rawdump(path, report)
+        read_rawdump(file, report)
     else:
-        read_bootfail(path, report)
+        read_bootfail(file, report)
 
 
 # Records
 
 
-def read_record(image: Path, offset: int, record: Record) -> Tuple[Report, bytes]:
+def read_record(image: File, offset: int, record: Record) -> Tuple[Report, bytes]:
     """The record's fields by their names, none if nothing of it can be read, and its bytes."""
     report: Report = {}
     try:
-        data = bytes_of(image, offset, record.size)
+        data = image.at(offset, record.size)
     except DeviceError as error:
         return {"problem": printable(str(error))}, b""
     for field in record.fields if data else ():
@@ -140,17 +134,17 @@ def read_record(image: Path, offset: int, record: Record) -> Tuple[Report, bytes
     return report, data
 
 
-def read_dump_header(image: Path, offset: int) -> Report:
+def read_dump_header(image: File, offset: int) -> Report:
     report, data = read_record(image, offset, records.DUMP_HEADER)
     return {**report, "waiting": bool(records.DUMP_HEADER.number(data, "flag") & 1), "offset": offset}
 
 
-def read_rawdump(image: Path, report: Report) -> None:
+def read_rawdump(image: File, report: Report) -> None:
     report["reasonHeader"], _ = read_record(image, records.REASON_REGION.offset, records.REASON_HEADER)
     report["minidump"] = read_dump_header(image, records.MINIDUMP_REGION.offset)
 
 
-def read_bootfail(image: Path, report: Report) -> None:
+def read_bootfail(image: File, report: Report) -> None:
     meta, data = read_record(image, records.META_REGION.offset, records.FULLDUMP_META)
     if data:
         meta["crcExpected"] = records.meta_crc(data)
@@ -158,7 +152,7 @@ def read_bootfail(image: Path, report: Report) -> None:
     report["meta"] = meta
 
 
-def read_userdata(image: Path, report: Report) -> None:
+def read_userdata(image: File, report: Report) -> None:
     """The header of the full dump that the meta record, or else the descriptor in rawdump, says is waiting."""
     meta, header = report["meta"], report["reasonHeader"]
     reserved = records.magic_text(records.FULLDUMP_RESERVED)
@@ -171,28 +165,65 @@ def read_userdata(image: Path, report: Report) -> None:
 # Folders
 
 
-def list_folder(folder: Path) -> Dict[str, bool]:
-    """The names in a folder in their order, and whether each is a folder itself."""
-    try:
-        with os.scandir(folder) as entries:
-            return dict(sorted((entry.name, entry.is_dir(follow_symlinks=False)) for entry in entries))
-    except OSError as error:
-        raise DeviceError(f"cannot read {folder}: {error.strerror}") from error
-
-
 def read_folder(path: Path, report: Report) -> None:
-    entries = list_folder(path)
-    if devices.is_device(path):
+    if is_device(path):
         read_device(path, report)
         return
-    # What pulls a folder of a phone may put one around it.
-    inside = [path / name for name, is_folder in entries.items() if is_folder and os.access(path / name, os.R_OK)]
-    folders = [path] if pulled_kind(path) else [folder for folder in inside if pulled_kind(folder)]
-    if len(folders) != 1:
-        more = f"; it holds {len(folders)}, which can be named" if folders else ""
+    # What pulls a folder of a phone may put one around it, and images may lie beside it.
+    kind = pulled_kind(path)
+    below = [] if kind else [path / name for name, is_dir in list_folder(path).entries.items() if is_dir]
+    pulled = [path] if kind else [folder for folder in below if pulled_kind(folder)]
+    images = images_in(path) or [image for folder in below for image in images_in(folder)]
+    if len(pulled) > 1 or not pulled and not images:
+        more = f"; it holds {len(pulled)}, which can be named" if pulled else ""
         raise DeviceError(f"{path} is neither a simulated device nor a log folder of a phone{more}")
-    folder, kind = folders[0], pulled_kind(folders[0])
-    report["path"], report["kind"] = printable(str(folder)), kind
+    report["kind"] = IMAGE_FOLDER
+    if pulled:
+        report["path"] = printable(str(pulled[0]))
+        read_pulled(pulled[0], report)
+    if images:
+        report["images"] = [read(image) for image in images]
+
+
+def is_device(folder: Path) -> bool:
+    try:
+        return is_folder(inside(folder, phone.BLOCK_FOLDER)) and (folder / devices.SCENARIO_FILE).exists()
+    except (DeviceError, OSError):
+        return False
+
+
+def images_in(folder: Path) -> List[Path]:
+    found = []
+    for name, is_dir in listed(folder).items():
+        with suppress(DeviceError):
+            if not is_dir and recognised(File(folder / name)) in ENDS:
+                found.append(folder / name)
+    return found
+
+
+def listed(folder: Path) -> Dict[str, bool]:
+    """What a folder holds; nothing if it cannot be read."""
+    try:
+        return list_folder(folder).entries
+    except DeviceError:
+        return {}
+
+
+def pulled_kind(folder: Path) -> str:
+    """What kind of folder of a phone this is; empty if it is none."""
+    if is_folder(folder / DUMPLOG) or is_folder(folder / FULLDUMPLOG):
+        return LOG_FOLDER
+    name = folder.absolute().name
+    if name == FULLDUMPLOG:
+        return FULLDUMP_FOLDER
+    boots = any(is_dir and phone.RECORD_TIME.fullmatch(entry) for entry, is_dir in listed(folder).items())
+    if boots or name == DUMPLOG or os.path.lexists(folder / phone.HISTORY_NAME):
+        return DUMP_FOLDER
+    return BOOT_FOLDER if phone.RECORD_TIME.fullmatch(name) else ""
+
+
+def read_pulled(folder: Path, report: Report) -> None:
+    kind = report["kind"] = pulled_kind(folder)
     if kind == LOG_FOLDER:
         read_reliability(folder, report)
     elif kind == FULLDUMP_FOLDER:
@@ -203,77 +234,70 @@ def read_folder(path: Path, report: Report) -> None:
         report["dumps"] = [read_collected(folder)]
 
 
-def pulled_kind(folder: Path) -> str:
-    """What kind of folder of a phone this is; empty if it is none."""
-    entries, name = list_folder(folder), folder.resolve().name
-    if entries.get(DUMPLOG) or entries.get(FULLDUMPLOG):
-        return LOG_FOLDER
-    if name == FULLDUMPLOG:
-        return FULLDUMP_FOLDER
-    boots = any(is_folder and phone.RECORD_TIME.fullmatch(entry) for entry, is_folder in entries.items())
-    if boots or name == DUMPLOG or phone.HISTORY_NAME in entries:
-        return DUMP_FOLDER
-    return BOOT_FOLDER if phone.RECORD_TIME.fullmatch(name) else ""
-
-
 def read_device(device: Path, report: Report) -> None:
     report["kind"] = DEVICE
     try:
-        scenario = json.loads(bytes_of(device / devices.SCENARIO_FILE, 0, HISTORY_READ_LIMIT))
+        scenario = json.loads(File(device / devices.SCENARIO_FILE).at(0, HISTORY_READ_LIMIT))
         report["description"] = printable(str(scenario.get("description", "")))
     except (DeviceError, ValueError, AttributeError, RecursionError):
         pass  # what the device holds can be told without
-    partitions = devices.on_device(device, phone.BLOCK_FOLDER)
-    read_rawdump(partitions / records.RAWDUMP, report)
-    read_bootfail(partitions / records.BOOTFAIL, report)
-    read_userdata(partitions / records.USERDATA, report)
-    read_reliability(devices.on_device(device, phone.RELIABILITY), report)
+    read_rawdump(File(devices.partition_path(device, records.RAWDUMP)), report)
+    read_bootfail(File(devices.partition_path(device, records.BOOTFAIL)), report)
+    read_userdata(File(devices.partition_path(device, records.USERDATA)), report)
+    try:
+        read_reliability(inside(device, phone.RELIABILITY), report)
+    except DeviceError as error:
+        report["problems"].append(printable(str(error)))
 
 
 def read_reliability(folder: Path, report: Report) -> None:
     read_dumplog(folder / DUMPLOG, report)
-    fulldumps = folder / FULLDUMPLOG
-    if fulldumps.is_dir() and not fulldumps.is_symlink():
-        report["fulldumps"] = read_collected(fulldumps)
+    if is_folder(folder / FULLDUMPLOG):
+        report["fulldumps"] = read_collected(folder / FULLDUMPLOG)
 
 
 def read_dumplog(folder: Path, report: Report) -> None:
     try:
-        if folder.is_symlink():
-            raise DeviceError(f"{folder} is no folder")
-        entries = list_folder(folder)
-        report["dumps"] = [read_collected(folder / name) for name, is_folder in entries.items() if is_folder]
-        if phone.HISTORY_NAME in entries:
-            report["history"] = read_history(folder / phone.HISTORY_NAME)
+        entries, more = list_folder(folder)
+        report["dumps"] = [read_collected(folder / name) for name, is_dir in entries.items() if is_dir]
+        if more:
+            report["problems"].append(printable(f"{folder} holds {more} more names, which were not looked at"))
+        if os.path.lexists(folder / phone.HISTORY_NAME):
+            report["history"] = read_history(File(folder / phone.HISTORY_NAME))
     except DeviceError as error:
         report["problems"].append(printable(str(error)))
 
 
 def read_collected(folder: Path) -> Report:
-    """A folder of one collected boot, or the full dump folder: the files of all levels."""
-    sizes: Dict[str, int] = {}
-    errors: List[OSError] = []
-    for parent, folders, names in os.walk(folder, onerror=errors.append):
-        for path in (Path(parent, name) for name in folders + names):
-            found = path.lstat()
-            if not stat.S_ISDIR(found.st_mode):  # a link may lead to one
-                sizes[path.relative_to(folder).as_posix()] = found.st_size if stat.S_ISREG(found.st_mode) else 0
-    report: Report = {
-        "name": printable(folder.resolve().name),
-        "size": sum(sizes.values()),
-        "done": phone.DONE_NAME in sizes,
-        "files": {printable(name): sizes[name] for name in sorted(sizes)},
-    }
-    if errors:
-        report["problem"] = f"cannot be read: {errors[0].strerror}"
-    return report
+    """A folder of one collected boot, or the full dump folder. A folder in it, which vorta never makes, is named."""
+    report: Report = {"name": printable(folder.absolute().name), "size": 0, "done": False, "files": {}}
+    try:
+        entries, more = list_folder(folder)
+        names = list(entries)
+        sizes = {name: size_of(folder / name) for name in sorted(names[:FILES_LISTED])}
+    except DeviceError as error:
+        return {**report, "problem": printable(str(error))}
+    more += len(names[FILES_LISTED:])
+    report["size"] = sum(sizes.values())
+    report["done"] = phone.DONE_NAME in entries
+    report["files"] = {printable(name) + "/" * entries[name]: size for name, size in sizes.items()}
+    return {**report, "problem": f"{more} more names were not looked at"} if more else report
 
 
-def read_history(path: Path) -> Report:
-    data = bytes_of(path, 0, HISTORY_READ_LIMIT)
+def size_of(path: Path) -> int:
+    """Of a regular file; everything else has none, and so has what went meanwhile."""
+    try:
+        found = path.lstat()
+    except OSError:
+        return 0
+    return found.st_size if stat.S_ISREG(found.st_mode) else 0
+
+
+def read_history(file: File) -> Report:
+    data = file.at(0, HISTORY_READ_LIMIT)
     entries, damaged = phone.parse_history(data.decode("latin-1"))  # a character a byte
     texts = [{name: text_of(value.encode("latin-1")) for name, value in vars(entry).items()} for entry in entries]
-    report: Report = {"size": path.lstat().st_size, "damagedBytes": damaged, "entries": texts}
+    report: Report = {"size": file.size(), "damagedBytes": damaged, "entries": texts}
     if report["size"] > len(data):
         report["problem"] = f"only the first {size_text(len(data))} were looked at"
     return report

@@ -9,16 +9,15 @@ from concurrent.futures import Future, ThreadPoolExecutor
 from contextlib import ExitStack, contextmanager
 from dataclasses import dataclass, replace
 from datetime import datetime, tzinfo
-import importlib
 import os
 from pathlib import Path
 import textwrap
-from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple, cast
+from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple
 
-from . import attention, finding, gather, lines, terminal
+from . import attention, finding, gather, lines, page, terminal
 from .errors import DeviceError
 from .evidence import Attention, Phone, State, Totals, worst_first
-from .options import date, expected, number
+from .options import local_time, number
 from .terminal import complain, say
 
 NEEDED, FAILED = 1, 2  # statuses: some phone needs attention; there is no report
@@ -49,7 +48,7 @@ def add_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--html", metavar="FILE", help="write a page for a browser; - is standard output")
     parser.add_argument("--jsonl", metavar="FILE", help="write a line a boot and a phone; - is standard output")
     what = "leave out boots before that local time, e.g. 2026-08-01 or '2026-08-01 09:30'"
-    parser.add_argument("--since", metavar="WHEN", type=date, help=what)
+    parser.add_argument("--since", metavar="WHEN", type=local_time, help=what)
     what = "the zone that the phones had, e.g. Europe/Paris: the lines have UTC as well"
     parser.add_argument("--tz", dest="zone", metavar="ZONE", type=zone, help=what)
     jobs = number(int, 1, MOST_JOBS)
@@ -64,7 +63,9 @@ def zone(name: str) -> tzinfo:
     except (ValueError, OSError, zoneinfo.ZoneInfoNotFoundError):
         known = zoneinfo.available_timezones()
         hint = "" if known else " (this machine has no zones: python3 -m pip install tzdata brings them)"
-        raise expected(f"a zone like Europe/Paris{hint}", name) from None
+        raise argparse.ArgumentTypeError(
+            f"expected a zone like Europe/Paris{hint}, found {name or 'nothing'}"
+        ) from None
 
 
 def report(arguments: argparse.Namespace) -> int:
@@ -96,19 +97,11 @@ def make(arguments: argparse.Namespace) -> int:
         totals.attention += add_shared(rows)
         rows.sort(key=lambda row: row.key)
         if write_page:
-            for part in page_of([row.phone for row in rows if row.phone], totals):
+            for part in page.render([row.phone for row in rows if row.phone], totals, datetime.now()):
                 write_page(part)
     if "-" not in (arguments.jsonl, arguments.html):
         say(table(rows, terminal.width()) + summary(totals, terminal.width()))
     return totals.attention
-
-
-def page_of(phones: Sequence[Phone], totals: Totals) -> Iterator[str]:
-    try:
-        page = importlib.import_module(f"{__package__}.page")
-    except ImportError:
-        raise DeviceError("this clone cannot write the page yet") from None
-    return cast(Iterator[str], page.render(phones, totals, datetime.now()))
 
 
 @contextmanager

@@ -34,7 +34,7 @@ def words(report: Report, latest: int = 10) -> str:
         lines += ["Collected full dumps", *folder_lines(fulldumps)]
     if "history" in report:
         lines += history_lines(report["history"], latest)
-    return "\n".join(lines) + "\n"
+    return "\n".join(lines) + "\n" + "".join(words(image) for image in report.get("images", []))
 
 
 def row(label: str, text: str) -> str:

@@ -101,15 +101,6 @@ class Labels:
         return re.search(r"object_r:(\w+):s0", found)[1]
 
 
-def property_types(fragment, known):
-    """Names and types of property_contexts."""
-    text = (fragment / "property_contexts").read_text()
-    types = dict(re.findall(r"^([^#\s]\S*)\s+u:object_r:(\w+):s0", text, re.MULTILINE))
-    for name in set(types.values()) - set(known):
-        sys.exit(f"property_contexts: {name} is no property type")
-    return types
-
-
 def trace(name):
     """Boots a scenario as init does; gives its name and what the daemon and its children called."""
     with tempfile.TemporaryDirectory() as folder:
@@ -148,10 +139,11 @@ class Uses:
                     self.where = f"{name}: {line.strip()[:120]}"
                     self.take(*match.groups())
 
-    def add_properties(self, types):
+    def add_properties(self, fragment):
         """A read of the property store is one of every property that the daemon's sources name."""
+        contexts = (fragment / "property_contexts").read_text()
         sources = "".join(file.read_text() for file in ROOT.glob("*/*.cpp"))
-        for name, of_type in types.items():
+        for name, of_type in re.findall(r"^([^#\s]\S*)\s+u:object_r:(\w+):s0", contexts, re.MULTILINE):
             if self.properties_read and f'"{name}"' in sources:
                 self.where = f"property {name}"
                 self.use(of_type, "file", "open read getattr map")

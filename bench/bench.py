@@ -90,9 +90,7 @@ def turned(items: List[Any], number: int) -> List[Any]:
 
 
 def measure(group: Sequence[Case], chosen: argparse.Namespace, timer: Path, memory: Path) -> Dict[str, Any]:
-    contenders = [Contender("daemon", BUILT_DAEMON, phone.RAINBOW)]
-    if chosen.against:
-        contenders.append(Contender("other daemon", chosen.against.resolve(), phone.RAINBOW))
+    daemon = Contender("daemon", BUILT_DAEMON, phone.RAINBOW)
     trials = []
     for case in group:
         folder = memory if case.place == "memory" else PLACES["disk"]
@@ -102,7 +100,7 @@ def measure(group: Sequence[Case], chosen: argparse.Namespace, timer: Path, memo
     warming = int(rounds > FEW)  # the programs themselves come from the disk then
     for number in range(rounds + warming):
         for case, device in turned(trials, number):
-            for contender in turned([*contenders, *case.rivals], number):
+            for contender in turned([daemon, *case.rivals], number):
                 cost = device.boot(contender)
                 runs[case.name][contender.name] += [cost] if number >= warming else []
     for _, device in trials:
@@ -190,11 +188,7 @@ def options() -> argparse.Namespace:
     add("--quick", action="store_true", help="few rounds, no dump of 2 GiB")
     add("--json", metavar="FILE", type=Path, default=result, help="the figures, each run included (build/bench.json)")
     add("--only", metavar="CASES", default="", help=f"cases whose names begin so, several with commas: {names}")
-    add("--against", metavar="PROGRAM", type=Path, help="another build of the daemon, as one more rival")
-    chosen = parser.parse_args()
-    if chosen.against and not os.access(chosen.against, os.R_OK | os.X_OK):
-        parser.error(f"--against: {chosen.against} cannot be run; expected a program")
-    return chosen
+    return parser.parse_args()
 
 
 def able(case: Case, chosen: argparse.Namespace) -> bool:

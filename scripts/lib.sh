@@ -12,22 +12,16 @@ die() { # STATUS MESSAGE
 help() { sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; }
 
 check_arguments() {
-  local argument known
+  local argument
   for argument in "$@"; do
-    if [ "$argument" = --help ]; then
-      help
-      exit 0
-    fi
-  done
-  for argument in "$@"; do
-    for known in "${accepts[@]}" ''; do
-      [ "$argument" != "$known" ] || break
-    done
-    [ -n "$known" ] || die 2 "unknown argument '$argument'; --help says what there is"
+    case " --help ${accepts[*]} " in
+      *" $argument "*) [ "$argument" != --help ] || { help; exit 0; } ;;
+      *) die 2 "unknown argument '$argument'; --help says what there is" ;;
+    esac
   done
 }
 
-step() { printf '\n%s== %s%s\n' "$bold" "$1" "$plain"; }
+step() { printf '\n== %s\n' "$1"; }
 
 # An older log must never be taken for this run's.
 start_log() { # LOG
@@ -47,10 +41,3 @@ logged() { # LOG COMMAND...
 
 check_arguments "$@"
 cd "$(dirname "$0")/.."
-
-# A dumb terminal keeps every program that is started from writing escape sequences.
-if [ ! -t 1 ] || [ -n "${NO_COLOR-}" ]; then
-  export TERM=dumb
-fi
-bold=$(tput bold 2>/dev/null || true)
-plain=$(tput sgr0 2>/dev/null || true)

@@ -24,7 +24,7 @@ from vortadev import phone, scenario
 UNTRACED = (
     "read|write|pread64|lseek|close|fsync|fadvise64|sendfile|dup.?|fcntl|pipe2?|brk|mprotect|munmap|wait4|exit_group|"
     "umask|chdir|uname|sysinfo|arch_prctl|prctl|set_.*|rseq|futex|getrandom|get.*id|getpgrp|getrusage|rt_sig.*|"
-    "clock_.*|sched_.*"
+    "clock_.*|sched_.*|prlimit64"
 )
 STRACE = "strace -ff -y --decode-pids=pidns --seccomp-bpf -qq -s 256 -e signal=none -e".split()
 
@@ -101,23 +101,27 @@ class Labels:
         return re.search(r"object_r:(\w+):s0", found)[1]
 
 
-def trace(name, folder):
-    """Boots a scenario as init does; gives the traces of the daemon's processes, itself first."""
-    command = [*STRACE, f"trace=!/^({UNTRACED})$", "-o", f"{folder}/trace", ROOT / "scripts/vortadev", "check"]
-    done = subprocess.run([*command, name, "--as-init"], capture_output=True, text=True, check=False)
-    if done.returncode:
-        sys.exit(f"check-policy: {name}: status {done.returncode}: {(done.stdout + done.stderr).strip()}")
-    traces = {file.suffix[1:]: file.read_text(errors="replace") for file in Path(folder).glob("trace.*")}
+def trace(name):
+    """Boots a scenario as init does; gives its name and what the daemon and its children called."""
+    with tempfile.TemporaryDirectory() as folder:
+        command = [*STRACE, f"trace=!/^({UNTRACED})$", "-o", f"{folder}/trace", ROOT / "scripts/vortadev", "check"]
+        done = subprocess.run([*command, name, "--as-init"], capture_output=True, text=True, check=False)
+        if done.returncode:
+            sys.exit(f"check-policy: {name}: status {done.returncode}: {(done.stdout + done.stderr).strip()}")
+        traces = {file.suffix[1:]: file.read_text(errors="replace") for file in Path(folder).glob("trace.*")}
     start = f'execve("{phone.DAEMON}"'
     found = [pid for pid, text in traces.items() if start in text]
-    for pid in found:
-        text = traces[pid]
-        if pid == found[0]:  # what it did before it was the daemon belongs to the sandbox
-            text = traces[pid] = text[text.index(start) :]
-        found += re.findall(r"^(?:clone3?|v?fork)\(.*\) = \d+ /\* (\d+) in strace's PID NS", text, re.MULTILINE)
     if not found:
         sys.exit(f"check-policy: {name}: strace saw no start of the daemon")
-    return [traces[pid] for pid in found]
+    daemon = traces[found[0]]  # what it did before it was the daemon belongs to the sandbox
+    traces[found[0]] = daemon[daemon.index(start) :]
+    for pid in found:  # grows
+        found += re.findall(r"^(?:clone3?|v?fork)\(.*\) = \d+ /\* (\d+) in strace's PID NS", traces[pid], re.MULTILINE)
+    return name, "\n".join(traces[pid] for pid in found)
+
+
+def trace_all(pool):
+    return list(pool.map(trace, scenario.shipped()))
 
 
 class Uses:
@@ -125,26 +129,21 @@ class Uses:
 
     def __init__(self, labels):
         self.labels, self.found, self.faults = labels, {}, []
-        self.properties_read, self.calls = False, 0
-        self.where, self.folders = "", set()
+        self.properties_read, self.where, self.folders = False, "", set()
 
-    def trace_all(self):
-        """Boots all scenarios; gives their number."""
-        for name in scenario.shipped():
-            with tempfile.TemporaryDirectory() as folder:
-                for line in "\n".join(trace(name, folder)).splitlines():
-                    match = CALL.match(line)
-                    if match:
-                        self.calls += 1
-                        self.where = f"{name}: {line.strip()[:120]}"
-                        self.take(*match.groups())
-        return len(scenario.shipped())
+    def take_all(self, traces):
+        for name, text in traces:
+            for line in text.splitlines():
+                match = CALL.match(line)
+                if match:
+                    self.where = f"{name}: {line.strip()[:120]}"
+                    self.take(*match.groups())
 
-    def add_properties(self, types):
+    def add_properties(self, fragment):
         """A read of the property store is one of every property that the daemon's sources name."""
-        files = [file for folder in ("common", "corvel", "rainbow") for file in (ROOT / folder).glob("*.cpp")]
-        sources = "".join(file.read_text() for file in files)
-        for name, of_type in types.items():
+        contexts = (fragment / "property_contexts").read_text()
+        sources = "".join(file.read_text() for file in ROOT.glob("*/*.cpp"))
+        for name, of_type in re.findall(r"^([^#\s]\S*)\s+u:object_r:(\w+):s0", contexts, re.MULTILINE):
             if self.properties_read and f'"{name}"' in sources:
                 self.where = f"property {name}"
                 self.use(of_type, "file", "open read getattr map")
@@ -158,7 +157,7 @@ class Uses:
         for target, tclass, permission in self.found:
             if permission == "create" and tclass in READING:
                 reader.use(target, tclass, READING[tclass])
-        return set(reader.found)
+        return reader.found
 
     def use(self, target, tclass, permissions):
         for permission in permissions.split():
@@ -170,9 +169,6 @@ class Uses:
                 self.use(*use)
             if name == "socket" and not arguments.startswith("AF_UNIX, SOCK_DGRAM"):
                 self.faults.append(f"a socket that is not the log: {self.where}")
-        elif name == "prlimit64":
-            if "NULL, {" not in arguments:
-                self.use("vorta", "process", "setrlimit")
         elif name == "mmap":
             match = re.search(r", \d+<(/[^>]*)>", arguments)
             if match and not IGNORED.match(match[1]):

@@ -33,15 +33,11 @@ def need(*groups: str) -> None:
 
 def place_for(result: Path) -> None:
     """Before the work: its result can be written."""
-    new = not result.exists()
     try:
         result.parent.mkdir(parents=True, exist_ok=True)
-        with result.open("a"):
-            pass
+        result.touch()
     except OSError as error:
         sys.exit(f"{NAME}: cannot write {result}: {error}")
-    if new:
-        result.unlink()
 
 
 def run(*command: str | Path, env: dict[str, str] | None = None) -> None:

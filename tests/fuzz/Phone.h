@@ -1,7 +1,6 @@
 // What the fuzz targets share: the pieces of an input, the files of the simulated device, and the
 // report of a broken rule. A target is started as the daemon of a device (see scripts/fuzz), so
-// that the code under test opens its own fixed paths; it refuses to run anywhere else. One per
-// program.
+// that the code under test opens its own fixed paths; it refuses to run anywhere else.
 #pragma once
 
 #include <fcntl.h>
@@ -56,7 +55,6 @@ class Input {
         line.erase(std::remove_if(line.begin(), line.end(), unfit), line.end());
         return line;
     }
-    bool Done() const { return rest_.empty(); }
 
   private:
     std::string rest_;

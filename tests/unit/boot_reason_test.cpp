@@ -34,64 +34,48 @@ TEST(Ocp, ValueNamesTypeAndTrigger) {
     }
 }
 
-TEST(PowerOnLog, LatestBlockIsCutOff) {
-    const struct {
-        const char* log;
-        bool found;
-        const char* rest;
-        const char* block;
-    } cases[] = {
-        {"", false, "", ""},
-        {"PON Successfu", false, "PON Successfu", ""},
-        {"no separator anywhere", false, "no separator anywhere", ""},
-        {"PON Successful", true, "", ""},
-        {"one\nPON Successful tail", true, "", "one\n"},
-        {"one PON Successful two PON Successful tail", true, "one PON Successful", " two "},
-        {"PON SuccessfulPON Successful", true, "PON Successful", ""},
-    };
-    for (const auto& c : cases) {
-        std::string log = c.log;
-        std::string block;
-        EXPECT_EQ(GetLatestPmicBlock(log, block), c.found) << c.log;
-        EXPECT_EQ(log, c.rest) << c.log;
-        EXPECT_EQ(block, c.block) << c.log;
-    }
-}
-
-TEST(PowerOnLog, ReasonOfABlock) {
-    const std::string older = "Warm Reset Count: 3\nPON Successful";
+TEST(PowerOnLog, ReasonOfTheLatestRecord) {
+    const std::string end = "PON Successful";
+    const std::string older = "Warm Reset Count: 3" + end;
     const struct {
         const char* name;
         std::string log;
-        std::string block;
         uint32_t category;
         const char* reason;
     } cases[] = {
-        {"keyword order, not position", "", "PMIC_WATCHDOG_S2 XVDD", 1, "XVDD"},
-        {"XVLO before watchdog", "", "PMIC_WATCHDOG_S2 XVLO", 1, "XVLO"},
-        {"watchdog before long key", "", "KPDPWR_N_AND_RESIN_N_S2 PMIC_WATCHDOG_S2", 1,
+        {"empty log", "", 0, ""},
+        {"cut at its end", "XVDD PON Successfu", 0, ""},
+        {"first record", "XVDD" + end + " tail", 1, "XVDD"},
+        {"latest record", "XVDD" + end + "XVLO" + end + " PMIC_WATCHDOG_S2", 1, "XVLO"},
+        {"empty record", "XVDD" + end + end, 2, "unknown"},
+        {"keyword order, not position", "PMIC_WATCHDOG_S2 XVLO XVDD" + end, 1, "XVDD"},
+        {"XVLO before watchdog", "PMIC_WATCHDOG_S2 XVLO" + end, 1, "XVLO"},
+        {"watchdog before long key", "KPDPWR_N_AND_RESIN_N_S2 PMIC_WATCHDOG_S2" + end, 1,
          "PMIC_WATCHDOG_S2"},
-        {"long key", "", "KPDPWR_N_AND_RESIN_N_S2", 0, "reboot_longkey"},
-        {"sub-faults in their order", "", "UVLO XVLO GP_FAULT7 GP_FAULT2", 1,
+        {"long key", "KPDPWR_N_AND_RESIN_N_S2" + end, 0, "reboot_longkey"},
+        {"sub-faults in their order", "UVLO XVLO GP_FAULT7 GP_FAULT2" + end, 1,
          "GP_FAULT2_UVLO_GP_FAULT7"},
-        {"all sub-faults", "", "XVLO GP_FAULT7 PBS_NACK UVLO OVLO GP_FAULT3 GP_FAULT2", 1,
+        {"all sub-faults", "XVLO GP_FAULT7 PBS_NACK UVLO OVLO GP_FAULT3 GP_FAULT2" + end, 1,
          "GP_FAULT2_GP_FAULT3_OVLO_UVLO_PBS_NACK_GP_FAULT7"},
-        {"cause as spelt", "", "Reset Trigger: PS_HOLD\nmore", 0, "PS_HOLD"},
-        {"the last trigger line", "", "Reset Trigger: A\nReset Trigger: B\n", 0, "B"},
-        {"empty cause", "", "Reset Trigger: \n", 0, ""},
-        {"line feed inside the gap", "", "Reset Trigger\nnext\n", 0, "ext"},
-        {"no line feed", "", "Reset Trigger: PS_HOLD", 2, "unknown"},
-        {"trigger as last word", "", "Reset Trigger", 2, "unknown"},
-        {"no trigger", "", "nothing", 2, "unknown"},
-        {"empty block", "", "", 2, "unknown"},
-        {"boot loader dump", older, "Reset Trigger: PS_HOLD\n", 2, "XBL_DUMP_EXCEPTION"},
-        {"count in the wrong record", "x PON Successful", "Warm Reset Count: 3 Reset Trigger: A\n",
-         0, "A"},
-        {"fault hides the dump", older, "Reset Trigger: A\nXVLO", 1, "XVLO"},
+        {"cause as spelt", "Reset Trigger: PS_HOLD\nmore" + end, 0, "PS_HOLD"},
+        {"the last trigger line", "Reset Trigger: A\nReset Trigger: B\n" + end, 0, "B"},
+        {"empty cause", "Reset Trigger: \n" + end, 0, ""},
+        {"line feed inside the gap", "Reset Trigger\nnext\n" + end, 0, "ext"},
+        {"no line feed", "Reset Trigger: PS_HOLD" + end, 2, "unknown"},
+        {"trigger as last word", "Reset Trigger" + end, 2, "unknown"},
+        {"boot loader dump", older + "Reset Trigger: PS_HOLD\n" + end, 2, "XBL_DUMP_EXCEPTION"},
+        {"count in the wrong record", "Warm Reset Count: 3 Reset Trigger: A\n" + end, 0, "A"},
+        {"count in the record before the last one", older + end + "Reset Trigger: A\n" + end, 0,
+         "A"},
+        {"fault hides the dump", older + "Reset Trigger: A\nXVLO" + end, 1, "XVLO"},
     };
     for (const auto& c : cases) {
         BootInfo info;
-        GetAbnormalBootReason(c.log, c.block, info);
+        std::string log = c.log;
+        std::string record;
+        if (GetLatestPmicBlock(log, record)) {
+            GetAbnormalBootReason(log, record, info);
+        }
         EXPECT_EQ(info.category, c.category) << c.name;
         EXPECT_EQ(info.reason, c.reason) << c.name;
     }

@@ -1,16 +1,15 @@
-// Whole-buffer transfers, copying a partition range, the bounds of both, and the CRC.
+// Whole-buffer transfers, copying a partition range, the bounds of both.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <functional>
 #include <numeric>
-#include <thread>
 #include <vector>
 
 #include "handle/PartitionRecords.h"
@@ -98,14 +97,6 @@ TEST_F(PartitionIo, BoundsOfACopy) {
     }
 }
 
-TEST_F(PartitionIo, AnOddModeReadsTheUserdataSlot) {
-    // It opens the slot of bootfail_info but reads from the one of userdata, which is closed.
-    EXPECT_EQ(handle.PartToEmmc(file, 0, 10, 7), -1);
-    handle.IsPartValid(partPath, kModeUserdata);
-    EXPECT_EQ(handle.PartToEmmc(file, 0, 10, 7), 0);
-    EXPECT_EQ(Copied(), 10);
-}
-
 TEST_F(PartitionIo, BoundsOfATransfer) {
     std::vector<uint8_t> buffer(VortaHandle::kMaxTransfer);
     EXPECT_EQ(handle.PartCommonRW(0, buffer.data(), VortaHandle::kMaxTransfer, 0, 0), 0);
@@ -125,13 +116,6 @@ TEST_F(PartitionIo, BoundsOfATransfer) {
             [&] { EXPECT_EQ(handle.PartCommonRW(c.offset, c.buffer, c.size, c.rw, 0), -1); });
         EXPECT_EQ(log, "[vorta] [PartCommonRW] input parm fail\n");
     }
-}
-
-TEST_F(PartitionIo, EveryOtherModeIsBootfailInfo) {
-    uint8_t byte = 0;
-    handle.IsPartValid(partPath, 7);
-    EXPECT_EQ(handle.PartCommonRW(0, &byte, 1, 0, kModeBootfail), 0);
-    EXPECT_EQ(byte, 1);
 }
 
 TEST_F(PartitionIo, ReadRetryIsAllOrNothingAtTheEnd) {
@@ -172,46 +156,35 @@ TEST(Transfer, AShortReadAsksForTheRestOnly) {
     close(ends[1]);
 }
 
-// Until the thread's transfer, which waits for this one, has surely been interrupted.
-void Interrupt(pthread_t thread) {
-    for (int i = 0; i < 20; ++i) {
-        usleep(1000);
-        pthread_kill(thread, SIGUSR1);
-    }
-}
-
-// Each side closes its end when it is done, so that the other one never waits for ever.
+// A child takes what is written and sends it back, each time after many signals struck the waiting
+// transfer.
 TEST(Transfer, OutlastsSignals) {
     RainbowHandle handle;
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);  // no SA_RESTART
-    ASSERT_EQ(sigaction(SIGPIPE, &action, nullptr), 0);
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
     std::string sent(4 * kChunk, 'x');  // far more than the socket takes at once
     std::iota(sent.begin(), sent.end(), 'a');
     std::string received(sent.size(), '-');
-    const int64_t size = static_cast<int64_t>(sent.size());
-    std::thread reader([&, writer = pthread_self()] {
-        Interrupt(writer);
-        EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), size), size);
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+    if (fork() == 0) {
         close(ends[0]);
-    });
-    EXPECT_EQ(handle.WriteRetry(ends[1], sent.data(), size - 1), 0);
-    Interrupt(reader.native_handle());
-    EXPECT_EQ(write(ends[1], &sent.back(), 1), 1);
+        usleep(20000);
+        const ssize_t taken = recv(ends[1], received.data(), received.size(), MSG_WAITALL);
+        usleep(20000);
+        _exit(write(ends[1], received.data(), static_cast<size_t>(taken)) == taken ? 0 : 1);
+    }
     close(ends[1]);
-    reader.join();
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGALRM, &action, nullptr), 0);  // no SA_RESTART
+    const itimerval often = {{0, 1000}, {0, 1000}}, never = {};
+    ASSERT_EQ(setitimer(ITIMER_REAL, &often, nullptr), 0);
+    const int64_t size = static_cast<int64_t>(sent.size());
+    EXPECT_EQ(handle.WriteRetry(ends[0], sent.data(), size), 0);
+    EXPECT_EQ(shutdown(ends[0], SHUT_WR), 0);  // the child never waits for ever
+    EXPECT_EQ(handle.ReadRetry(ends[0], received.data(), size), size);
     EXPECT_TRUE(received == sent);
-}
-
-TEST(FulldumpCrc32, Values) {
-    RainbowHandle handle;
-    const auto* const text = reinterpret_cast<const uint8_t*>("123456789");
-    EXPECT_EQ(handle.FulldumpCrc32(text, 9), 0x376E6E7u);  // the algorithm's check value
-    EXPECT_EQ(handle.FulldumpCrc32(text, 0), 0xFFFFFFFFu);
-    EXPECT_EQ(handle.FulldumpCrc32(nullptr, 9), 0u);
+    ASSERT_EQ(setitimer(ITIMER_REAL, &never, nullptr), 0);
+    close(ends[0]);
 }
 
 }  // namespace

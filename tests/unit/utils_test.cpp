@@ -44,14 +44,6 @@ TEST(HeaderText, EndsWithItsNulOrWithTheRecord) {
     EXPECT_EQ(HeaderText(memory.header, memory.header.userType), std::string(67, 'x'));
 }
 
-TEST(VortaLog, EchoesToStandardError) {
-    testing::internal::CaptureStderr();
-    VortaLogD("[%s] unseen", "Op");
-    VortaLogI("[%s] info %d", "Op", 1);
-    VortaLogE("plain");
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "[vorta] [Op] info 1\n[vorta] plain\n");
-}
-
 TEST(VortaLog, KeepsTheHeadOfALongMessage) {
     const std::string longest(1023, 'x');
     testing::internal::CaptureStderr();

@@ -207,7 +207,7 @@ TEST(SscanfS, MixedConversionsAndPositions) {
     EXPECT_STREQ(word, "key");
     EXPECT_EQ(end, 14);
     // A field that does not fit ends the scan; what came before it counts.
-    EXPECT_EQ(sscanf_s("12 toolongword 34", "%llu %s %d", &number, word, sizeof(word), &end), 1);
+    EXPECT_EQ(sscanf_s("12 toolongword 34", "%llu %s%n", &number, word, sizeof(word), &end), 1);
     EXPECT_EQ(number, 12u);
     EXPECT_STREQ(word, "");
     EXPECT_EQ(end, 14);

@@ -11,7 +11,7 @@ import posixpath
 from typing import Any, Dict, List, Optional, Sequence
 
 from . import phone, records
-from .content import MINIDUMP, Fill, render
+from .content import MINIDUMP, Fill, is_known, render
 from .document import SHIPPED, Node, keyed, locate, read_document, read_json, read_object
 from .errors import DeviceError, printable
 from .records import Region
@@ -76,13 +76,18 @@ def read_pon_log(node: Node) -> Optional[bytes]:
 
 
 def read_logs(node: Node) -> Dict[str, Fill]:
-    node.members(list(records.LOG_REGIONS))
+    """A fill for each log, or one for all of them."""
+    for name in records.LOG_REGIONS:
+        if not is_known(name):
+            raise DeviceError(f"vortadev/content.py: LOG_STYLES: expected the style of the log {name}, found none")
+    if not isinstance(node.value, str):
+        node.members(list(records.LOG_REGIONS))
     logs = {}
     for index, (name, region) in enumerate(records.LOG_REGIONS.items()):
         # Where a range begins inside of another one, each fills its own part.
         later = [other.offset for other in records.LOG_REGIONS.values() if other.offset > region.offset]
         own = min([region.size] + [offset - region.offset for offset in later])
-        logs[name] = read_fill(node[name], name, own, index)
+        logs[name] = read_fill(node if isinstance(node.value, str) else node[name], name, own, index)
     return logs
 
 
@@ -137,6 +142,12 @@ def read_reason_header(node: Node, before: bytes = b"") -> bytes:
     return read_record(node, records.REASON_HEADER, before)
 
 
+def read_collected(node: Node) -> List[str]:
+    """ "logs" stands for all of them."""
+    names = node.texts()
+    return sorted({*names, *records.LOG_REGIONS} - {"logs"}) if "logs" in names else sorted(names)
+
+
 def read_cleared(node: Node) -> List[str]:
     known = {"reasonNode", "minidump", "fulldump"}
     node.require(set(node.texts()) <= known, 'a list of "reasonNode", "minidump", "fulldump"')
@@ -172,7 +183,7 @@ class Expectations:
     meta: bytes
     status: int = keyed(lambda node: node.number(0, 255))
     history: Optional[History] = keyed(lambda node: read_object(History, node) if node else None)
-    collected: List[str] = keyed(lambda node: sorted(node.texts()))  # all files of the new dump folder; none: no folder
+    collected: List[str] = keyed(read_collected)  # all files of the new dump folder; none: no folder
     fulldump: bool = keyed(Node.boolean)  # a new full dump with the dump's bytes, closed by its marker
     cleared: List[str] = keyed(read_cleared)
     log: List[str] = keyed(Node.texts)  # texts that some line of the log contains

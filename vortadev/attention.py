@@ -55,7 +55,7 @@ def unfinished(phone: Phone) -> Iterator[Attention]:
             log = name[: -len(phones.TMP_SUFFIX)] if name.endswith(phones.TMP_SUFFIX) else ""
             if name == phones.TMP_DUMP_NAME:
                 whole = size == records.MINIDUMP_REGION.size
-                text = f"{name} is the whole minidump, not packed" if whole else f"{name}: the minidump was not copied"
+                text = f"{name}: the minidump was {'not packed' if whole else 'not copied'}; it waits in its partition"
             elif log not in records.LOG_REGIONS:
                 continue
             elif log in found.files:

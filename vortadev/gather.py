@@ -26,6 +26,7 @@ PROPERTIES_LIMIT = 1 << 20
 DUMP_SIZE = records.MINIDUMP_REGION.size
 PIECE, UNPACKED_PIECE = 1 << 16, 1 << 18  # bytes of a packed dump that are read, and unpacked, at once
 
+ABOUT, RECORDS = ("path", "kind", "description", "problems"), ("reasonHeader", "minidump", "meta", "fulldump")
 Entry = Dict[str, str]  # time, category and reason of a history line
 
 
@@ -45,15 +46,18 @@ def read(source: Source, since: Optional[datetime] = None) -> Phone:
 def read_whole(source: Source) -> Phone:
     report = reading.read(source.path)
     phone = read_folder(Phone(source.name, printable(str(source.path))), source.path, report)
-    if "reasonHeader" not in report and "meta" not in report:
-        return phone
-    image = {name: value for name, value in report.items() if name not in ("dumps", "fulldumps", "history")}
-    parts = [image[name] for name in ("reasonHeader", "minidump", "meta", "fulldump") if name in image]
-    problems = dict.fromkeys((*phone.problems, *(part["problem"] for part in parts if "problem" in part)))
-    if report["kind"] != reading.DEVICE and report["description"]:
-        problems[report["description"]] = None  # the image ends early
-    waiting = sum(bool(part.get("waiting")) for part in parts)
-    return replace(phone, images=(image,), waiting=waiting, problems=tuple(problems))
+    problems, waiting, images = list(phone.problems), 0, []
+    for image in (report, *report.get("images", ()), *map(reading.read, source.images)):
+        parts = [image[name] for name in RECORDS if name in image]
+        texts = [part["problem"] for part in parts if "problem" in part]
+        if parts and image["kind"] != reading.DEVICE and image["description"]:
+            texts.append(image["description"])  # it ends early
+        name = "" if image is report else f"{Path(image['path']).name}: "
+        problems += [name + text for text in dict.fromkeys(texts)]
+        waiting += sum(bool(part.get("waiting")) for part in parts)
+        if parts:
+            images.append({name: image[name] for name in (*ABOUT, *RECORDS) if name in image})
+    return replace(phone, images=tuple(images), waiting=waiting, problems=tuple(problems))
 
 
 def read_folder(phone: Phone, path: Path, report: Report) -> Phone:
@@ -136,12 +140,12 @@ def has_logs(files: Iterable[str]) -> bool:
 
 def collection_of(folder: Path, dump: Report, has_line: bool) -> Collection:
     files, done = dump["files"], dump["done"]
-    minidump, problem = State.ABSENT, ""
+    minidump, problem = State.CUT if phones.TMP_DUMP_NAME in files else State.ABSENT, ""
     if phones.RAWDUMP_NAME in files:
         problem = unpacking_problem(folder / phones.RAWDUMP_NAME)
         minidump = State.CUT if problem else State.WHOLE
-    elif phones.TMP_DUMP_NAME in files:
-        minidump = State.CUT
+    if minidump is State.CUT and files.get(phones.TMP_DUMP_NAME) == DUMP_SIZE:
+        minidump, problem = State.WAITING, ""  # nothing is lost: the raw copy tells of it
     # A run that found no logs to save leaves the minidump that had waited, and no marker.
     closed = done or (has_line and minidump is not State.ABSENT and not has_logs(files))
     state = State.OPEN if not closed else State.CUT if minidump is State.CUT else State.WHOLE

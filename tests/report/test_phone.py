@@ -57,6 +57,12 @@ STATES: Mapping[str, Tuple[Files, bool, str, str]] = {
     "two packed as one": ({**WHOLE, "rawdump.bin": gzip.compress(bytes(99))}, True, "cut", "cut"),
     "an empty file": ({**WHOLE, "rawdump.bin": b""}, True, "cut", "cut"),
     "not packed": ({**without(WHOLE, "rawdump.bin"), "tmp.bin": b"1234"}, True, "cut", "cut"),
+    "not packed, but whole": (
+        {**without(WHOLE, "rawdump.bin"), "tmp.bin": bytes(pulled.MINIDUMP_SIZE)},
+        True,
+        "whole",
+        "waiting",
+    ),
     "never closed": (without(WHOLE, "DONE"), False, "open", "whole"),
     "nothing in it": ({}, True, "open", "absent"),
 }

@@ -50,7 +50,8 @@ def test_phones_are_found_and_named(tmp_path: Path) -> None:
     """However a pull nested them, each once; an image is found by what it holds, and a link not at all."""
     for name in ("SN1", "SN2/data/vendor/log", "monday/SN3", "monday/SN4", "again/SN5", "x/again/SN5", "x/SN6"):
         pulled.pull(tmp_path / name, NORMAL)
-    (tmp_path / "image.img").write_bytes(bytes(16) + b"MRAW" + bytes(456))
+    for name in ("image.img", "SN2/rawdump.img", "SN1/reliability/a.img", "SN1/b.img"):
+        (tmp_path / name).write_bytes(bytes(16) + b"MRAW" + bytes(456))
     (tmp_path / "SN7").symlink_to(tmp_path / "SN1")
     (tmp_path / "empty").mkdir()
     problems: List[str] = []
@@ -59,6 +60,17 @@ def test_phones_are_found_and_named(tmp_path: Path) -> None:
     twice = [str(tmp_path / "again/SN5"), str(tmp_path / "x/again/SN5")]
     assert sorted(names) == sorted(["SN1", "SN2", "SN3", "SN4", "SN6", "image", *twice])
     assert problems == [f"{tmp_path / 'empty'}: no phone's folder or image was found in it"]
+    images = {source.name: [Path(image["path"]).name for image in gather.read(source).images] for source in found}
+    wanted = {"SN1": ["a.img", "b.img"], "SN2": ["rawdump.img"], "image": ["image.img"]}
+    assert {name: told for name, told in images.items() if told} == wanted
+
+
+def test_more_phones_than_are_looked_at(tmp_path: Path) -> None:
+    for number in range(4100):
+        (tmp_path / f"{number:04}").mkdir()
+    pulled.pull(tmp_path / "0000", NORMAL)
+    status, _, error = run(tmp_path)
+    assert status == 0 and "holds 4 more names, which were not looked at" in error
 
 
 def test_status_and_table(tmp_path: Path) -> None:

@@ -106,14 +106,15 @@ ATTENTION: Dict[str, Tuple[List[Line], Dict[str, Files], Told]] = {
     "dump not packed": (
         [CRASH],
         {time(9): {**without(WHOLE, "rawdump.bin"), "tmp.bin": b"x"}},
-        [("tmp", "not copied")],
+        [("tmp", "is not whole")],
     ),
     "logs lacking": (
         [CRASH],
         {time(9): {**without(WHOLE, "tz_log"), "xbl_abl": b""}},
-        [("log", "tz_log missing and xbl_abl empty")],
+        [("log", "xbl_abl empty, tz_log missing, though DONE")],
     ),
     "no line": (NORMAL, {time(9): WHOLE}, [("no-line", "without a line")]),
+    "two without a line": (NORMAL, {time(8): WHOLE, time(9): WHOLE}, [("no-line", ""), ("no-line", "")]),
     "no folder": ([CRASH], {}, [("no-folder", "AP_S_PANIC has no folder")]),
     "three within a day": (
         [(time(2, hour), "UNKNOWN", "UNKNOWN") for hour in (1, 9, 17)],
@@ -138,7 +139,7 @@ ATTENTION: Dict[str, Tuple[List[Line], Dict[str, Files], Told]] = {
     "nearly full": (
         [CRASH],
         {time(9): {**NO_PANIC, "xbl_abl": bytes(4718592)}},
-        [("storage", f"if the build is commercial: {time(9)} goes next")],
+        [("storage", f"of 5.0 MiB, the likely limit, in dumplog: {time(9)} goes next")],
     ),
 }
 

@@ -90,7 +90,12 @@ FOLDERS: Mapping[str, Tuple[Mapping[str, Optional[bytes]], bool, str, Told]] = {
     "copy left beside": ({"tz_log_tmp": b"x"}, True, "whole whole", ["tmp: trust tz_log_tmp"]),
     "logs lacking": ({"tz_log": None, "xbl_abl": b""}, True, "whole whole", ["log: xbl_abl empty, tz_log missing"]),
     "no line": ({}, False, "whole whole", ["no-line: without a line"]),
-    "nearly full": ({"rawdump.bin": None, "xbl_abl": bytes(4718592)}, True, "whole absent", ["storage: 5.0 MiB, the likely"]),
+    "nearly full": (
+        {"rawdump.bin": None, "xbl_abl": bytes(4718592)},
+        True,
+        "whole absent",
+        ["storage: 5.0 MiB, the likely"],
+    ),
 }
 
 

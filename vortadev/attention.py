@@ -1,12 +1,12 @@
-"""What a person should look at: one rule a function, each from what is known of one phone. A cause is told once: where
-one rule explains what another one would find as well, the other is silent."""
+"""What a person should look at, from what is known of one phone. A cause is told once: where one rule explains what
+another one would find as well, the other is silent."""
 
 from __future__ import annotations
 
 from bisect import bisect_right
 from collections import Counter
 from datetime import timedelta
-from itertools import islice
+from itertools import groupby, islice, takewhile
 from typing import Callable, Dict, Iterator, List, Sequence, Tuple
 
 from . import phone as phones
@@ -24,80 +24,57 @@ MOST = 50  # of a rule on one phone: what comes from outside may break one witho
 KERNEL_LOG = "last_kmsg"
 
 
-def folders(phone: Phone) -> Iterator[Tuple[Boot, Collection]]:
-    return ((boot, boot.collection) for boot in phone.boots if boot.collection)
+def folders(boots: Sequence[Boot]) -> Iterator[Tuple[Boot, Collection]]:
+    return ((boot, boot.collection) for boot in boots if boot.collection)
 
 
-def cut(phone: Phone) -> Iterator[Attention]:
+def unfinished(phone: Phone) -> Iterator[Attention]:
     for boot in phone.boots:
         for found in boot.collections:
             if found.problem:
                 yield Attention("cut", found.problem + (", though DONE" if found.done else ""), found.path, boot.time)
+            if found.state is State.OPEN:
+                text = "neither DONE nor a line: the run was cut off"
+                if found.is_fulldump:
+                    text = "the full dump has no DONE: it was not copied whole"
+                elif boot.category is not None:
+                    text = "no DONE, though it has its line"
+                yield Attention("open", text, found.path, boot.time)
 
 
-def not_closed(phone: Phone) -> Iterator[Attention]:
-    for boot in phone.boots:
-        for found in boot.collections:
-            if found.state is not State.OPEN:
-                continue
-            text = "neither DONE nor a line: the run was cut off"
-            if found.is_fulldump:
-                text = "the full dump has no DONE: it was not copied whole"
-            elif boot.category is not None:
-                text = "no DONE, though it has its line"
-            yield Attention("open", text, found.path, boot.time)
-
-
-def unfinished(phone: Phone) -> Iterator[Attention]:
-    """Working copies that should have gone."""
-    for boot, found in folders(phone):
-        for name, size in found.files.items():
-            log = name[: -len(phones.TMP_SUFFIX)] if name.endswith(phones.TMP_SUFFIX) else ""
-            if name == phones.TMP_DUMP_NAME:
-                whole = size == records.MINIDUMP_REGION.size
-                text = f"{name} is the whole minidump, not packed" if whole else f"{name}: the minidump was not copied"
-            elif log not in records.LOG_REGIONS:
-                continue
-            elif log in found.files:
-                text = f"{name} was left beside {log}: trust {name}"
-            else:
-                text = f"{name} was left and {log} never made: strings {name} gives the text"
-            yield Attention("tmp", text, f"{found.path}/{name}", boot.time)
-
-
-def lacking(phone: Phone) -> Iterator[Attention]:
-    for boot, found in folders(phone):
-        logs = [name for name in records.LOG_REGIONS if name + phones.TMP_SUFFIX not in found.files]
-        kinds = {
-            "missing": [name for name in logs if name not in found.files],
-            "empty": [name for name in logs if found.files.get(name) == 0],
-        }
-        texts = [f"{', '.join(names)} {kind}" for kind, names in kinds.items() if names]
-        if found.done and texts:
-            yield Attention("log", f"{' and '.join(texts)}, though DONE", found.path, boot.time)
-
-
-def lost_lines(phone: Phone) -> List[Tuple[Boot, Collection]]:
-    """Closed folders in front of the first line; several of them say that the history was begun anew."""
-    lined = [place for place, boot in enumerate(phone.boots) if boot.category is not None]
-    before = phone.boots[: lined[0]] if lined else phone.boots
-    found = [(boot, boot.collection) for boot in before if boot.collection and boot.collection.done]
-    return found if phone.history and len(found) > 1 else []
+def logs(phone: Phone) -> Iterator[Attention]:
+    """Those that are not there, and working copies that should have gone."""
+    for boot, found in folders(phone.boots):
+        lacking = []
+        for name in records.LOG_REGIONS:
+            copy = name + phones.TMP_SUFFIX
+            if copy in found.files:
+                beside = name in found.files
+                text = f"beside {name}: trust {copy}" if beside else f"and {name} never made: strings {copy} gives it"
+                yield Attention("tmp", f"{copy} was left {text}", f"{found.path}/{copy}", boot.time)
+            elif not found.files.get(name):
+                lacking.append(f"{name} {'empty' if name in found.files else 'missing'}")
+        if found.done and lacking:
+            yield Attention("log", f"{', '.join(lacking)}, though DONE", found.path, boot.time)
+        if phones.TMP_DUMP_NAME in found.files:
+            saved = {State.WHOLE: "is packed", State.WAITING: "is not packed"}.get(found.minidump, "is not whole")
+            text = f"{phones.TMP_DUMP_NAME} was left: the minidump {saved}, and waits in its partition as well"
+            yield Attention("tmp", text, f"{found.path}/{phones.TMP_DUMP_NAME}", boot.time)
 
 
 def history(phone: Phone) -> Iterator[Attention]:
-    path = phone.history or phone.path
+    """Several closed folders in front of the first line are told as one: it was begun anew."""
     if phone.damaged:
-        yield Attention("history", f"{phone.damaged} bytes of the history are damaged", path)
-    lost = lost_lines(phone)
-    if lost:
-        yield Attention("history", f"the history was begun anew or lost: {len(lost)} folders are older", path)
-
-
-def no_line(phone: Phone) -> Iterator[Attention]:
-    lost = {boot.time for boot, _ in lost_lines(phone)}
-    for boot, found in folders(phone):
-        if phone.history and boot.category is None and found.state is not State.OPEN and boot.time not in lost:
+        yield Attention("history", f"{phone.damaged} bytes of the history are damaged", phone.history)
+    if not phone.dumplog:
+        return
+    first = sum(1 for _ in takewhile(lambda boot: boot.category is None, phone.boots))
+    older = sum(found.done for _, found in folders(phone.boots[:first]))
+    if older > 1:
+        text = f"the history was begun anew or lost: {older} folders are older"
+        yield Attention("history", text, phone.history)
+    for boot, found in folders(phone.boots[first if older > 1 else 0 :]):
+        if boot.category is None and found.done:
             yield Attention("no-line", "a folder without a line in the history", found.path, boot.time)
 
 
@@ -105,12 +82,12 @@ def no_folder(phone: Phone) -> Iterator[Attention]:
     for boot in phone.boots:
         if phone.dumplog and boot.category and boot.category not in DERIVED and not boot.collections:
             text = f"{boot.category} has no folder: none was made, or it was removed since"
-            yield Attention("no-folder", text, phone.history or phone.path, boot.time)
+            yield Attention("no-folder", text, phone.history, boot.time)
 
 
 def restless(phone: Phone) -> Iterator[Attention]:
     found = sorted(
-        (boot.when, boot.time) for boot in phone.boots if boot.restart.unexpected and boot.when and is_set(boot)
+        (boot.when, boot.time) for boot in phone.boots if boot.restart.unexpected and boot.when and boot.is_set
     )
     times = [when for when, _ in found]
     at = 0
@@ -119,21 +96,21 @@ def restless(phone: Phone) -> Iterator[Attention]:
         if end - at >= MANY:
             hours = max(round((times[end - 1] - times[at]) / timedelta(hours=1)), 1)
             text = f"{end - at} unexpected restarts within {hours} h"
-            yield Attention("restless", text, phone.history or phone.path, found[end - 1][1])
+            yield Attention("restless", text, phone.history, found[end - 1][1])
         at = end if end - at >= MANY else at + 1
 
 
 def signatures(phone: Phone) -> Dict[str, Place]:
     """The crashes of a phone, each with the last log that tells of it."""
-    shown = ((boot.kernel, boot.time, found.path) for boot, found in folders(phone))
+    shown = ((boot.kernel, boot.time, found.path) for boot, found in folders(phone.boots))
     return {log.signature: (f"{path}/{KERNEL_LOG}", time) for log, time, path in shown if log and log.signature}
 
 
 def repeated(phone: Phone) -> Iterator[Attention]:
     """A log that was collected twice is one crash: no log region is cleared."""
-    logs = Counter(log.signature for log in {boot.kernel for boot in phone.boots} if log)
+    counts = Counter(log.signature for log in {boot.kernel for boot in phone.boots} if log)
     for signature, place in signatures(phone).items():
-        times = logs[signature]
+        times = counts[signature]
         if times > 1:
             text = f"the same crash {'twice' if times == 2 else f'{times} times'}: {signature}"
             yield Attention("repeated", text, *place)
@@ -145,18 +122,13 @@ def clock(phone: Phone) -> Iterator[Attention]:
     for boot in phone.boots:
         if boot.category is None or boot.when is None:
             continue
-        if not is_set(boot) and (before is None or is_set(before)):
+        if not boot.is_set and (before is None or before.is_set):
             text = f"a time before {FIRST_YEAR}: the clock was not set"
-            yield Attention("clock", text, phone.history or phone.path, boot.time)
-        elif is_set(boot) and before and before.when and boot.when < before.when:
+            yield Attention("clock", text, phone.history, boot.time)
+        elif boot.is_set and before and before.when and boot.when < before.when:
             text = f"time ran backwards, from {before.when:%Y-%m-%d %H:%M}"
-            yield Attention("clock", text, phone.history or phone.path, boot.time)
+            yield Attention("clock", text, phone.history, boot.time)
         before = boot
-
-
-def is_set(boot: Boot) -> bool:
-    """Whether the clock of the phone had been set."""
-    return boot.when is not None and boot.when.year >= FIRST_YEAR
 
 
 def waiting(phone: Phone) -> Iterator[Attention]:
@@ -169,13 +141,9 @@ def waiting(phone: Phone) -> Iterator[Attention]:
 def full(phone: Phone) -> Iterator[Attention]:
     store = phone.storage
     if store and store.first and store.size >= NEAR * store.limit:
-        if_so = "" if store.build else f", if the build is {build_of(store.limit)}"
-        text = f"{size_text(store.size)} of {size_text(store.limit)} in dumplog{if_so}: {store.first} goes next"
+        limit = size_text(store.limit) + ("" if store.build else ", the likely limit,")
+        text = f"{size_text(store.size)} of {limit} in dumplog: {store.first} goes next"
         yield Attention("storage", text, f"{phone.dumplog}/{store.first}")
-
-
-def build_of(limit: int) -> str:
-    return next(build for build, most in phones.DUMPLOG_LIMITS.items() if most == limit)
 
 
 def unread(phone: Phone) -> Iterator[Attention]:
@@ -183,32 +151,18 @@ def unread(phone: Phone) -> Iterator[Attention]:
         yield Attention("unread", problem.replace(f"{phone.path}/", ""), phone.path)
 
 
+RULES: Sequence[Rule] = (unfinished, waiting, restless, repeated, logs, history, no_folder, clock, full, unread)
 # What weighs most comes first: a narrow terminal has no room for more.
-RULES: Tuple[Rule, ...] = (
-    cut,
-    not_closed,
-    waiting,
-    restless,
-    repeated,
-    unfinished,
-    lacking,
-    no_line,
-    no_folder,
-    history,
-    clock,
-    full,
-    unread,
-)
+ORDER = "cut open waiting restless repeated tmp log no-line no-folder history clock storage unread".split()
 
 
 def of_phone(phone: Phone) -> Tuple[Attention, ...]:
-    found: List[Attention] = []
-    for rule in RULES:
-        some = list(islice(rule(phone), MOST + 1))
-        if len(some) > MOST:
-            some[MOST:] = [Attention(some[0].rule, f"and more than {MOST} like that", phone.path)]
-        found += some
-    return tuple(found)
+    found = sorted((one for rule in RULES for one in rule(phone)), key=lambda one: ORDER.index(one.rule))
+    told: List[Attention] = []
+    for name, alike in groupby(found, key=lambda one: one.rule):
+        told += islice(alike, MOST)
+        told += [Attention(name, f"and more than {MOST} like that", phone.path)] if next(alike, None) else []
+    return tuple(told)
 
 
 def shared(phones_signatures: Sequence[Dict[str, Place]]) -> List[Tuple[Attention, ...]]:

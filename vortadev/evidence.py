@@ -9,6 +9,8 @@ from datetime import datetime
 from enum import Enum
 from typing import Any, Dict, Optional, Tuple
 
+from .phone import HISTORY_NAME
+
 
 class Restart(Enum):
     """Why a phone went down, as far as the boot after it could tell."""
@@ -24,6 +26,7 @@ class Restart(Enum):
         return self not in (Restart.NORMAL, Restart.FORCED)
 
 
+FIRST_YEAR = 2020  # a phone that says less has not got its time yet
 DERIVED = ("NORMALBOOT", "HARDWARE_FAULT", "UNKNOWN")  # vorta's own categories; boots of that kind have no folder
 LONG_KEY = "reboot_longkey"
 
@@ -70,6 +73,7 @@ class Collection:
     minidump: State
     is_fulldump: bool = False
     problem: str = ""  # what is wrong with the dump
+    kernel: Optional[KernelLog] = None
 
     @property
     def size(self) -> int:
@@ -87,11 +91,19 @@ class Boot:
     reason: Optional[str] = None
     collection: Optional[Collection] = None
     fulldump: Optional[Collection] = None
-    kernel: Optional[KernelLog] = None
+
+    @property
+    def kernel(self) -> Optional[KernelLog]:
+        return self.collection.kernel if self.collection else None
 
     @property
     def collections(self) -> Tuple[Collection, ...]:
         return tuple(found for found in (self.collection, self.fulldump) if found)
+
+    @property
+    def is_set(self) -> bool:
+        """Whether the clock of the phone had been set."""
+        return self.when is not None and self.when.year >= FIRST_YEAR
 
     @property
     def cause(self) -> str:
@@ -134,9 +146,8 @@ class Phone:
     storage: Optional[Storage] = None
     images: Tuple[Dict[str, Any], ...] = ()  # reports of images of partitions, as `show --json` gives them
     waiting: int = 0  # dumps that wait in these images
-    history: Optional[str] = None  # the path that it has or would have; None: was not looked for
     damaged: int = 0  # bytes of the history that belong to no line
-    dumplog: Optional[str] = None  # None: was not looked for
+    dumplog: Optional[str] = None  # None: only a part was there, of which nothing can be missed
     problems: Tuple[str, ...] = ()  # what could not be read, a sentence each
 
     @property
@@ -144,8 +155,8 @@ class Phone:
         return sum(boot.restart.unexpected for boot in self.boots)
 
     @property
-    def last(self) -> Optional[Boot]:
-        return self.boots[-1] if self.boots else None
+    def history(self) -> str:
+        return f"{self.dumplog}/{HISTORY_NAME}" if self.dumplog else self.path
 
     @property
     def collections(self) -> Tuple[Collection, ...]:
@@ -154,11 +165,8 @@ class Phone:
     @property
     def days(self) -> Optional[int]:
         """From the first boot to the last one, both days counted; None without a plausible time."""
-        days = [boot.when.date() for boot in self.boots if boot.when and boot.when.year >= FIRST_YEAR]
+        days = [boot.when.date() for boot in self.boots if boot.when and boot.is_set]
         return (max(days) - min(days)).days + 1 if days else None
-
-
-FIRST_YEAR = 2020  # a phone that says less has not got its time yet
 
 
 @dataclass
@@ -180,8 +188,3 @@ class Totals:
         self.waiting += phone.waiting
         for collection in phone.collections:
             self.states[collection.state] += 1
-
-
-def worst_first(phone: Phone) -> Tuple[int, int, str]:
-    """A key to sort phones by."""
-    return -len(phone.attentions), -phone.unexpected, phone.name

@@ -9,7 +9,7 @@ import gzip
 import json
 import os
 from pathlib import Path
-from typing import BinaryIO, Dict, Iterator, List, Sequence
+from typing import BinaryIO, Iterable, Iterator, List, Sequence
 
 from . import phone, reading, records, show
 from .errors import DeviceError, printable, size_text
@@ -56,18 +56,24 @@ def rawdump(image: Path, out: Path, minidump: bool, force: bool, kind: str = "")
         raise DeviceError(f"{image}: expected an image of {records.RAWDUMP}, found: {report['kind']}")
     file = File(image.resolve(), device=True)
     size = report["size"] = file.size()
-    texts = {name: region for name, region in records.LOG_REGIONS.items() if region.offset < size}
-    packs = report["minidump"]["waiting"] or minidump and records.MINIDUMP_REGION.offset < size
-    names = [*texts, *([phone.RAWDUMP_NAME] if packs else []), REASON_NAME]
-    make_room(out, names, [image], force)
-    for name, region in texts.items():
-        with new_file(out / name) as text:
-            text.write(phone.strings(file.at(region.offset, region.size)))
-    if packs:
-        pack(file, records.MINIDUMP_REGION, out / phone.RAWDUMP_NAME)
+    regions = dict(records.LOG_REGIONS)
+    if minidump or report["minidump"]["waiting"]:
+        regions[phone.RAWDUMP_NAME] = records.MINIDUMP_REGION
+    there = {name: region for name, region in regions.items() if region.offset < size}
+    make_room(out, there, [image], force)
+    for name, region in there.items():
+        with new_file(out / name) as target:
+            if name == phone.RAWDUMP_NAME:
+                pack(file, region, target)
+            else:
+                target.write(phone.strings(file.at(region.offset, region.size)))
     report["waiting"] = waiting(report)
-    report["damaged"] = cut_off(size, packs)
-    return close(out, names, report)
+    report["damaged"] = [
+        f"{name}: {max(size - region.offset, 0)} of {region.size} bytes are there"
+        for name, region in regions.items()
+        if size < region.offset + region.size
+    ]
+    return close(out, there, report)
 
 
 def waiting(report: Report) -> List[str]:
@@ -79,18 +85,6 @@ def waiting(report: Report) -> List[str]:
     return logs + ["minidump"] * report["minidump"]["waiting"] + ["fulldump"] * reserved
 
 
-def cut_off(size: int, packs: bool) -> List[str]:
-    """What the end of an image of that size leaves out."""
-    regions = {"reasonHeader": records.REASON_REGION, **records.LOG_REGIONS}
-    if packs:
-        regions["minidump"] = records.MINIDUMP_REGION
-    return [
-        f"{name}: {max(size - region.offset, 0)} of {region.size} bytes are there"
-        for name, region in regions.items()
-        if size < region.offset + region.size
-    ]
-
-
 def userdata(image: Path, out: Path, meta: Path, force: bool) -> Report:
     """`meta` is the image that says where the full dump lies: bootfail_info, or rawdump with its descriptor."""
     file = File(image.resolve(), device=True)
@@ -99,29 +93,28 @@ def userdata(image: Path, out: Path, meta: Path, force: bool) -> Report:
     known = report["meta"].get("dumpSize", LARGEST_FULLDUMP)
     offset = report.get("fulldump", {}).get("offset", 0)
     if not offset or not 0 < known <= LARGEST_FULLDUMP:
-        broken = not report["meta"].get("crcHolds", True)
-        why = "its checksum is broken" if broken else "it names no full dump"
+        why = "it names no full dump" if report["meta"].get("crcHolds", True) else "its checksum is broken"
         raise DeviceError(f"{meta} does not tell where the full dump lies: {why}")
     there = report["size"] - offset
     if there <= 0:
         raise DeviceError(f"{image} ends before the full dump at {offset} begins")
-    names = [phone.FULLDUMP_NAME, REASON_NAME]
-    make_room(out, names, [image, meta], force)
+    make_room(out, [phone.FULLDUMP_NAME], [image, meta], force)
     # As the daemon does: beyond a chunk, whole chunks.
     copied = known + -known % records.COPY_CHUNK if known >= records.COPY_CHUNK else known
-    copy_sparse(file, Region(records.USERDATA, offset, copied), out / phone.FULLDUMP_NAME)
+    with new_file(out / phone.FULLDUMP_NAME) as target:
+        copy_sparse(file, Region(records.USERDATA, offset, copied), target)
     report["waiting"] = ["fulldump"] if report["fulldump"]["waiting"] else []
     is_cut = there < known and report["meta"]
-    report["damaged"] = [f"fulldump: {there} of {known} bytes are there"] if is_cut else []
-    return close(out, names, report)
+    report["damaged"] = [f"{phone.FULLDUMP_NAME}: {there} of {known} bytes are there"] if is_cut else []
+    return close(out, [phone.FULLDUMP_NAME], report)
 
 
 # Files
 
 
-def make_room(out: Path, names: Sequence[str], images: Sequence[Path], force: bool) -> None:
+def make_room(out: Path, names: Iterable[str], images: Sequence[Path], force: bool) -> None:
     """Complains before anything is written."""
-    for path in (out / name for name in names):
+    for path in (out / name for name in (*names, REASON_NAME)):
         if path.exists() and any(os.path.samefile(path, image) for image in images):
             raise DeviceError(f"{path} is what is to be read; choose another folder")
         if os.path.lexists(path) and not force:
@@ -156,26 +149,25 @@ def chunks(file: File, region: Region) -> Iterator[bytes]:
         yield chunk
 
 
-def pack(file: File, region: Region, path: Path) -> None:
+def pack(file: File, region: Region, target: BinaryIO) -> None:
     """Without name and time, so that the same dump gives the same file."""
-    with new_file(path) as packed, gzip.GzipFile("", "wb", 6, packed, 0) as stream:
+    with gzip.GzipFile("", "wb", 6, target, 0) as stream:
         for chunk in chunks(file, region):
             stream.write(chunk)
 
 
-def copy_sparse(file: File, region: Region, path: Path) -> None:
-    with new_file(path) as dump:
-        for chunk in chunks(file, region):
-            if chunk == ZEROS[: len(chunk)]:
-                dump.seek(len(chunk), os.SEEK_CUR)
-            else:
-                dump.write(chunk)
-        dump.truncate()
+def copy_sparse(file: File, region: Region, target: BinaryIO) -> None:
+    for chunk in chunks(file, region):
+        if chunk == ZEROS[: len(chunk)]:
+            target.seek(len(chunk), os.SEEK_CUR)
+        else:
+            target.write(chunk)
+    target.truncate()
 
 
-def close(out: Path, names: Sequence[str], report: Report) -> Report:
+def close(out: Path, names: Iterable[str], report: Report) -> Report:
     """Writes the records in numbers and words beside the files, last, as it tells of them."""
-    sizes: Dict[str, int] = {name: (out / name).stat().st_size for name in names if name != REASON_NAME}
+    sizes = {name: (out / name).stat().st_size for name in names}
     report = {**report, "words": show.words(report).splitlines(), "files": sizes}
     with new_file(out / REASON_NAME) as file:
         file.write((json.dumps(report, indent=2, ensure_ascii=False) + "\n").encode("utf-8"))

@@ -5,9 +5,9 @@ from __future__ import annotations
 from collections import Counter
 from dataclasses import dataclass, replace
 from pathlib import Path
-from typing import Iterable, List
+from typing import Iterable, List, Tuple
 
-from . import outside, reading, records
+from . import outside, reading
 from . import phone as phones
 from .errors import DeviceError, printable
 
@@ -22,6 +22,7 @@ class Source:
 
     name: str
     path: Path
+    images: Tuple[Path, ...] = ()  # of partitions, which lie beside what was pulled from that phone
 
 
 def sources(paths: Iterable[Path], problems: List[str]) -> List[Source]:
@@ -59,24 +60,22 @@ def below(folder: Path, depth: int, problems: List[str]) -> List[Source]:
     if reading.is_device(folder) or reading.pulled_kind(folder):
         return [Source(own_name(folder), folder)]
     found: List[Source] = []
-    for name, is_folder in outside.list_folder(folder).entries.items() if depth else ():
+    entries, more = outside.list_folder(folder) if depth else outside.Listing({}, 0)
+    if more:
+        problems.append(f"{folder} holds {more} more names, which were not looked at")
+    for name, is_folder in entries.items():
         path, before = folder / name, len(problems)
         try:
-            inside = below(path, depth - 1, problems) if is_folder else images(path)
+            inside = below(path, depth - 1, problems) if is_folder else []
         except DeviceError as error:
             inside = []
             problems.append(str(error))
-        if is_folder and len(inside) == 1 and name not in COMMON_NAMES:  # the folder around a phone is called as it
+        if len(inside) == 1 and name not in COMMON_NAMES:  # the folder around a phone is called as it
             inside = [replace(inside[0], name=printable(name))]
         if is_folder and not inside and depth == DEPTH and len(problems) == before:
             problems.append(f"{path}: no phone's folder or image was found in it")
         found += inside
-    return found
-
-
-def images(path: Path) -> List[Source]:
-    try:
-        is_image = reading.recognised(outside.File(path)) in records.PARTITIONS
-    except DeviceError:
-        is_image = False
-    return [Source(printable(path.stem), path)] if is_image else []
+    images = reading.images_among(folder, entries)
+    if len(found) == 1 and found[0].name == own_name(folder):  # this folder is the phone's
+        return [replace(found[0], images=(*found[0].images, *images))]
+    return found + [Source(printable(image.stem), image) for image in images]

@@ -33,7 +33,7 @@ FIRST_DAY, UNSET = datetime(2026, 6, 1, 7), datetime(1970, 1, 1, 0, 0, 10)
 TIME_LIMIT = 120.0  # seconds of a boot, generous
 SANITIZER = {"ASAN_OPTIONS": "verify_asan_link_order=0"}  # the library that sets the clock comes first
 SHARED, SHARED_CRASH = 3, 511  # phones from which on a crash is more than one phone's; the number of that crash
-KEEP_IMAGE, WAITING = "(somebody keeps an image)", "waiting"
+KEEP_IMAGE = "(somebody keeps an image)"
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
@@ -60,24 +60,17 @@ def make(out: Path, phones: int, seed: int, jobs: int, daemon: Optional[Path] = 
     except OSError as error:
         raise DeviceError(f"cannot make the folder {out}: {error.strerror}") from error
     memory = MEMORY if os.access(MEMORY, os.W_OK) else None
-    with tempfile.TemporaryDirectory(prefix="vortadev-", dir=memory) as scratch, ProcessPoolExecutor(
-        jobs, initializer=leave_signals
-    ) as pool:
+    with tempfile.TemporaryDirectory(prefix="vortadev-", dir=memory) as scratch:
         work = partial(simulate, out=out.absolute(), scratch=Path(scratch), seed=seed, daemon=daemon)
-        lived = list(pool.map(work, range(phones)))
-    account: Account = {"seed": seed, "phones": [one for told in lived for one in told]}
+        # An interrupt is this process's to answer; it waits for the phones that are being made.
+        with ProcessPoolExecutor(jobs, None, signal.signal, (signal.SIGINT, signal.SIG_IGN)) as pool:
+            account: Account = {"seed": seed, "phones": list(pool.map(work, range(phones)))}
     sharing = [told for told in account["phones"] if "shared" in told["attention"]]
     for told in sharing if len(sharing) < SHARED else ():
         told["attention"].remove("shared")
     account["totals"] = totals(account["phones"])
     (out / ACCOUNT_NAME).write_text(json.dumps(account, indent=2) + "\n", "ascii")
     return account
-
-
-def leave_signals() -> None:
-    """An interrupt is the first process's to answer; it waits for the phones that are being made."""
-    signal.signal(signal.SIGINT, signal.SIG_IGN)
-    signal.signal(signal.SIGTERM, signal.SIG_DFL)
 
 
 def totals(phones: List[Account]) -> Account:
@@ -93,30 +86,33 @@ def totals(phones: List[Account]) -> Account:
     }
 
 
-def simulate(index: int, out: Path, scratch: Path, seed: int, daemon: Optional[Path]) -> List[Account]:
-    """What happened to a phone, and what an image of it holds, if somebody keeps one."""
+def simulate(index: int, out: Path, scratch: Path, seed: int, daemon: Optional[Path]) -> Account:
+    """What happened to a phone."""
     stories = list(read_json(STORIES)["stories"].items())
     name, (story, attention) = f"SN{1001 + index}", stories[(index + seed) % len(stories)]
     lived = SimulatedPhone(scratch / name, index, seed, daemon)
     for step in story.split(", "):
-        lived.step(step)
+        if step in LATER:
+            LATER[step](lived)
+        elif step != KEEP_IMAGE:
+            lived.boot(step.split())
     lived.require_account()
     # What is pulled into a folder that is there already gets one of its own in it.
     pulled = out / name / Path(phone.RELIABILITY).name if index % 5 == 3 else out / name
     shutil.copytree(lived.on_data(phone.RELIABILITY), pulled, copy_function=shutil.copyfile)
-    # What has neither a line nor a folder, nobody can find.
-    boots = [boot for boot in lived.boots if boot["line"] or boot["collection"]]
-    rules = [rule for rule in attention if rule != WAITING]
-    told: List[Account] = [{"name": name, "story": story, "attention": rules, "waiting": 0, "boots": boots}]
     if KEEP_IMAGE in story:
         image = device.read_image(device.partition_path(lived.folder, records.RAWDUMP))
-        device.write_image(out / f"{name}-{records.RAWDUMP}.img", image)
-        rules = [rule for rule in attention if rule == WAITING]
-        told.append(
-            {**told[0], "name": f"{name}-{records.RAWDUMP}", "attention": rules, "waiting": len(rules), "boots": []}
-        )
+        device.write_image(out / name / f"{records.RAWDUMP}.img", image)
     shutil.rmtree(lived.folder)
-    return told
+    # What has neither a line nor a folder, nobody can find.
+    boots = [boot for boot in lived.boots if boot["line"] or boot["collection"]]
+    return {
+        "name": name,
+        "story": story,
+        "attention": attention,
+        "waiting": attention.count("waiting"),
+        "boots": boots,
+    }
 
 
 class SimulatedPhone:
@@ -138,12 +134,6 @@ class SimulatedPhone:
         """The folder of the latest boot."""
         return self.on_data(phone.DUMPLOG) / str(self.boots[-1]["time"])
 
-    def step(self, step: str) -> None:
-        if step in LATER:
-            LATER[step](self)
-        elif step != KEEP_IMAGE:
-            self.boot(step.split())
-
     def boot(self, words: Sequence[str]) -> None:
         from . import check, sandbox
 
@@ -163,7 +153,7 @@ class SimulatedPhone:
         if not found:
             raise DeviceError(f"the daemon did not boot: {run.err.decode('utf-8', 'replace')}")
         boot = {"time": found[1], "simulated": name, "restart": kind["restart"], "line": True}
-        boot.update(self.reason, kernel=self.kernel if "log" in kind else None)
+        boot.update(self.reason, **(self.kernel if "log" in kind else NO_LOG))
         boot.update({part: kind.get(part) for part in ("collection", "minidump", "fulldump")})
         self.boots.append({**boot, **({} if kind.get("line", True) else NO_LINE)})
 
@@ -243,7 +233,8 @@ def fill_dumplog(lived: SimulatedPhone) -> None:
 
 
 NO_LINE = {"line": False, "category": None, "reason": None}
-NO_FOLDER = {"collection": None, "minidump": None, "kernel": None}
+NO_LOG = {"crash": None, "function": None, "version": None}
+NO_FOLDER = {"collection": None, "minidump": None, **NO_LOG}
 LATER: Dict[str, Callable[[SimulatedPhone], None]] = {
     "(storage loses the end of the minidump)": cut_minidump,
     "(its folder is removed)": remove_folder,

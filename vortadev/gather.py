@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+from contextlib import suppress
 from dataclasses import replace
 from datetime import datetime
 from pathlib import Path
@@ -26,6 +27,7 @@ PROPERTIES_LIMIT = 1 << 20
 DUMP_SIZE = records.MINIDUMP_REGION.size
 PIECE, UNPACKED_PIECE = 1 << 16, 1 << 18  # bytes of a packed dump that are read, and unpacked, at once
 
+ABOUT, RECORDS = ("path", "kind", "description", "problems"), ("reasonHeader", "minidump", "meta", "fulldump")
 Entry = Dict[str, str]  # time, category and reason of a history line
 
 
@@ -45,44 +47,37 @@ def read(source: Source, since: Optional[datetime] = None) -> Phone:
 def read_whole(source: Source) -> Phone:
     report = reading.read(source.path)
     phone = read_folder(Phone(source.name, printable(str(source.path))), source.path, report)
-    if "reasonHeader" not in report and "meta" not in report:
-        return phone
-    image = {name: value for name, value in report.items() if name not in ("dumps", "fulldumps", "history")}
-    parts = [image[name] for name in ("reasonHeader", "minidump", "meta", "fulldump") if name in image]
-    problems = dict.fromkeys((*phone.problems, *(part["problem"] for part in parts if "problem" in part)))
-    if report["kind"] != reading.DEVICE and report["description"]:
-        problems[report["description"]] = None  # the image ends early
-    waiting = sum(bool(part.get("waiting")) for part in parts)
-    return replace(phone, images=(image,), waiting=waiting, problems=tuple(problems))
+    problems, waiting, images = list(phone.problems), 0, []
+    for image in (report, *report.get("images", ()), *map(reading.read, source.images)):
+        parts = [image[name] for name in RECORDS if name in image]
+        texts = [part["problem"] for part in parts if "problem" in part]
+        if parts and image["kind"] != reading.DEVICE and image["description"]:
+            texts.append(image["description"])  # it ends early
+        name = "" if image is report else f"{Path(image['path']).name}: "
+        problems += [name + text for text in dict.fromkeys(texts)]
+        waiting += sum(bool(part.get("waiting")) for part in parts)
+        if parts:
+            images.append({name: image[name] for name in (*ABOUT, *RECORDS) if name in image})
+    return replace(phone, images=tuple(images), waiting=waiting, problems=tuple(problems))
 
 
 def read_folder(phone: Phone, path: Path, report: Report) -> Phone:
     """The phone with its boots."""
     dumplog, fulldumplog = folders_of(path, report["kind"])
     history = report.get("history", {"entries": [], "damagedBytes": 0})
-    lines = [entry for entry in history["entries"] if phones.RECORD_TIME.fullmatch(entry["time"])]
     dumps = {dump["name"]: dump for dump in report.get("dumps", ()) if phones.RECORD_TIME.fullmatch(dump["name"])}
-    lined, problems = {entry["time"] for entry in lines}, report["problems"] + problems_of(report)
-    collections = {time: collection_of(dumplog / time, dump, time in lined) for time, dump in dumps.items()}
+    lined, problems = {entry["time"] for entry in history["entries"]}, report["problems"] + problems_of(report)
+    found = {time: collection_of(dumplog / time, dump, time in lined, problems) for time, dump in dumps.items()}
     fulldumps = fulldumps_of(fulldumplog, report.get("fulldumps", {"files": {}}))
-    minidump = any(found.minidump is not State.ABSENT for found in collections.values())
-    boots = []
-    for time, entry in in_order(lines, {*collections, *fulldumps}):
-        collection = collections.pop(time, None)  # a second line of that time has none
-        kernel = kernel_of(dumplog / time, collection, problems) if collection else None
-        boots.append(boot_of(time, entry, collection, fulldumps.get(time), kernel))
-    others = [entry for entry in history["entries"] if not phones.RECORD_TIME.fullmatch(entry["time"])]
-    damaged = history["damagedBytes"] + sum(len(phones.history_line(**entry)) for entry in others)
-    phone = replace(phone, boots=tuple(boots), damaged=damaged, problems=tuple(problems))
-    if report["kind"] not in (reading.LOG_FOLDER, reading.DUMP_FOLDER, reading.DEVICE) or report["problems"]:
-        return phone  # a part, of which nothing can be missed
-    build = build_of(path) if report["kind"] == reading.DEVICE else "internal" if fulldumps else None
-    return replace(
-        phone,
-        storage=storage_of(dumplog, report, build, minidump),
-        dumplog=printable(str(dumplog)),
-        history=printable(str(dumplog / phones.HISTORY_NAME)),
+    boots = tuple(
+        boot_of(time, entry, found.pop(time, None), fulldumps.get(time))  # a second line of that time has no folder
+        for time, entry in in_order(history["entries"], {*found, *fulldumps})
     )
+    phone = replace(phone, boots=boots, damaged=history["damagedBytes"], problems=tuple(problems))
+    if report["kind"] not in (reading.LOG_FOLDER, reading.DUMP_FOLDER, reading.DEVICE) or report["problems"]:
+        return phone
+    storage = storage_of(path, dumplog, report, boots)
+    return replace(phone, storage=storage, dumplog=printable(str(dumplog)))
 
 
 def folders_of(path: Path, kind: str) -> Tuple[Path, Path]:
@@ -99,32 +94,26 @@ def problems_of(report: Report) -> List[str]:
     return [f"{name}: {part['problem']}" for name, part in parts.items() if "problem" in part]
 
 
-def in_order(lines: List[Entry], times: Iterable[str]) -> Iterator[Tuple[str, Optional[Entry]]]:
+def in_order(lines: List[Entry], times: Iterable[str]) -> Iterator[Tuple[str, Entry]]:
     """The lines, and each of the times that none of them has in front of the first line with a later one."""
     waiting = sorted(set(times) - {line["time"] for line in lines}, reverse=True)
     for line in lines:
         while waiting and waiting[-1] < line["time"]:
-            yield waiting.pop(), None
+            yield waiting.pop(), {}
         yield line["time"], line
-    yield from ((time, None) for time in reversed(waiting))
+    for time in reversed(waiting):
+        yield time, {}
 
 
-def boot_of(
-    time: str,
-    entry: Optional[Entry],
-    collection: Optional[Collection],
-    fulldump: Optional[Collection],
-    kernel: Optional[KernelLog],
-) -> Boot:
-    category, reason = (entry["category"], entry["reason"]) if entry else (None, None)
-    if category is not None and reason is not None:  # a line feed is there if it stood last on a command line
-        category, reason = category.removesuffix("\\n"), reason.removesuffix("\\n")
-    try:
-        when: Optional[datetime] = datetime.strptime(time[:14], "%Y%m%d%H%M%S")
-    except ValueError:
-        when = None
+def boot_of(time: str, entry: Entry, collection: Optional[Collection], fulldump: Optional[Collection]) -> Boot:
+    # A text ends in a line feed if it stood last on a command line.
+    texts = {name: text.removesuffix("\\n") for name, text in entry.items()}
+    category, reason = texts.get("category"), texts.get("reason")
+    when = None
+    with suppress(ValueError):
+        when = datetime.strptime(time[:14], "%Y%m%d%H%M%S")
     restart = restart_of(category, reason, bool(collection and (collection.done or has_logs(collection.files))))
-    return Boot(time, restart, when, category, reason, collection, fulldump, kernel)
+    return Boot(time, restart, when, category, reason, collection, fulldump)
 
 
 def has_logs(files: Iterable[str]) -> bool:
@@ -134,18 +123,19 @@ def has_logs(files: Iterable[str]) -> bool:
 # Collections
 
 
-def collection_of(folder: Path, dump: Report, has_line: bool) -> Collection:
+def collection_of(folder: Path, dump: Report, has_line: bool, problems: List[str]) -> Collection:
     files, done = dump["files"], dump["done"]
-    minidump, problem = State.ABSENT, ""
+    minidump, problem = State.CUT if phones.TMP_DUMP_NAME in files else State.ABSENT, ""
     if phones.RAWDUMP_NAME in files:
         problem = unpacking_problem(folder / phones.RAWDUMP_NAME)
         minidump = State.CUT if problem else State.WHOLE
-    elif phones.TMP_DUMP_NAME in files:
-        minidump = State.CUT
+    if minidump is State.CUT and files.get(phones.TMP_DUMP_NAME) == DUMP_SIZE:
+        minidump, problem = State.WAITING, ""  # nothing is lost: the raw copy tells of it
     # A run that found no logs to save leaves the minidump that had waited, and no marker.
     closed = done or (has_line and minidump is not State.ABSENT and not has_logs(files))
     state = State.OPEN if not closed else State.CUT if minidump is State.CUT else State.WHOLE
-    return Collection(printable(str(folder)), state, done, files, minidump, problem=problem)
+    kernel = kernel_of(folder, files, problems)
+    return Collection(printable(str(folder)), state, done, files, minidump, problem=problem, kernel=kernel)
 
 
 def unpacking_problem(path: Path) -> str:
@@ -182,18 +172,16 @@ def fulldumps_of(folder: Path, report: Report) -> Dict[str, Collection]:
     return found
 
 
-def kernel_of(folder: Path, collection: Collection, problems: List[str]) -> Optional[KernelLog]:
+def kernel_of(folder: Path, files: Dict[str, int], problems: List[str]) -> Optional[KernelLog]:
     """From the raw copy if one was left: then the text cannot be trusted."""
     raw = attention.KERNEL_LOG + phones.TMP_SUFFIX
-    name = raw if raw in collection.files else attention.KERNEL_LOG
-    if not collection.files.get(name):
-        return None
+    name = raw if raw in files else attention.KERNEL_LOG
     try:
-        data = outside.File(folder / name).at(0, KERNEL_LOG_LIMIT)
+        data = outside.File(folder / name).at(0, KERNEL_LOG_LIMIT) if files.get(name) else b""
     except DeviceError as error:
         problems.append(printable(str(error)))
-        return None
-    return kernellog.read(phones.strings(data) if name == raw else data)
+        data = b""
+    return kernellog.read(phones.strings(data) if name == raw else data) if data else None
 
 
 def build_of(device: Path) -> Optional[str]:
@@ -204,8 +192,12 @@ def build_of(device: Path) -> Optional[str]:
     return "internal" if types and int(types[-1] or 0) in INTERNAL_USERS else "commercial"
 
 
-def storage_of(dumplog: Path, report: Report, build: Optional[str], minidump: bool) -> Storage:
+def storage_of(path: Path, dumplog: Path, report: Report, boots: Iterable[Boot]) -> Storage:
     """The likely limit where the build is not known: sold phones keep minidumps only for remote debugging."""
+    build = "internal" if any(boot.fulldump for boot in boots) else None
+    if report["kind"] == reading.DEVICE:
+        build = build_of(path)
+    minidump = any(boot.collection and boot.collection.minidump is not State.ABSENT for boot in boots)
     limit = phones.DUMPLOG_LIMITS[build or ("internal" if minidump else "commercial")]
     entries = outside.list_folder(dumplog).entries
     found = [(dumplog / name).lstat() for name in entries]

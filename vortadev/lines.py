@@ -6,7 +6,6 @@ from datetime import datetime, timezone, tzinfo
 import json
 from typing import Any, Dict, Optional
 
-from .attention import is_set
 from .evidence import Boot, KernelLog, Phone
 
 SCHEMA = 1
@@ -43,7 +42,7 @@ def of_boot(phone: Phone, boot: Boot, zone: Optional[tzinfo]) -> Line:
         "path": phone.path,
         "name": boot.time,
         **times("time", boot.when, zone),
-        "clock_set": is_set(boot),
+        "clock_set": boot.is_set,
         "has_line": boot.category is not None,
         "category": boot.category,
         "reason": boot.reason,
@@ -59,15 +58,12 @@ def of_boot(phone: Phone, boot: Boot, zone: Optional[tzinfo]) -> Line:
         "fulldump_path": fulldump.path if fulldump else None,
         "fulldump_size": fulldump.size if fulldump else None,
         "kernel_version": kernel.version,
-        "crash_line": kernel.crash_line,
-        "function": kernel.function,
-        "signature": kernel.signature,
-        "seconds": kernel.seconds,
+        **{name: getattr(kernel, name) for name in ("crash_line", "function", "signature", "seconds")},
     }
 
 
 def of_phone(phone: Phone, zone: Optional[tzinfo]) -> Line:
-    known = [boot.when for boot in phone.boots if boot.when and is_set(boot)]
+    known = [boot.when for boot in phone.boots if boot.when and boot.is_set]
     versions = list(dict.fromkeys(boot.kernel.version for boot in phone.boots if boot.kernel and boot.kernel.version))
     store = phone.storage
     return {

@@ -54,6 +54,15 @@ class File:
         if not stat.S_ISREG(mode) and not (self.device and stat.S_ISBLK(mode)):
             raise DeviceError(f"{self.path} is {'a link' if stat.S_ISLNK(mode) else 'no regular file'}")
 
+    def listed_size(self) -> int:
+        """Of one that may not be opened."""
+        try:
+            found = self.path.lstat()
+        except OSError as error:
+            raise failure(self.path, error) from error
+        self.require_file(found.st_mode)
+        return found.st_size
+
     def size(self) -> int:
         with self.open() as file:
             return file.seek(0, os.SEEK_END)

@@ -173,7 +173,9 @@ def read_folder(path: Path, report: Report) -> None:
     kind = pulled_kind(path)
     below = [] if kind else [path / name for name, is_dir in list_folder(path).entries.items() if is_dir]
     pulled = [path] if kind else [folder for folder in below if pulled_kind(folder)]
-    images = images_in(path) or [image for folder in below for image in images_in(folder)]
+    images = images_among(path, listed(path)) or [
+        image for folder in below for image in images_among(folder, listed(folder))
+    ]
     if len(pulled) > 1 or not pulled and not images:
         more = f"; it holds {len(pulled)}, which can be named" if pulled else ""
         raise DeviceError(f"{path} is neither a simulated device nor a log folder of a phone{more}")
@@ -192,9 +194,9 @@ def is_device(folder: Path) -> bool:
         return False
 
 
-def images_in(folder: Path) -> List[Path]:
+def images_among(folder: Path, entries: Dict[str, bool]) -> List[Path]:
     found = []
-    for name, is_dir in listed(folder).items():
+    for name, is_dir in entries.items():
         with suppress(DeviceError):
             if not is_dir and recognised(File(folder / name)) in ENDS:
                 found.append(folder / name)
@@ -273,24 +275,20 @@ def read_collected(folder: Path) -> Report:
     report: Report = {"name": printable(folder.absolute().name), "size": 0, "done": False, "files": {}}
     try:
         entries, more = list_folder(folder)
-        names = list(entries)
-        sizes = {name: size_of(folder / name) for name in sorted(names[:FILES_LISTED])}
     except DeviceError as error:
         return {**report, "problem": printable(str(error))}
+    names, problems = list(entries), []
+    for name in sorted(names[:FILES_LISTED]):
+        try:
+            size = 0 if entries[name] else File(folder / name).listed_size()
+            report["files"][printable(name) + "/" * entries[name]] = size
+        except DeviceError as error:
+            problems.append(printable(str(error)).replace(printable(f"{folder}/"), ""))
     more += len(names[FILES_LISTED:])
-    report["size"] = sum(sizes.values())
+    problems += [f"{more} more names were not looked at"] if more else []
+    report["size"] = sum(report["files"].values())
     report["done"] = phone.DONE_NAME in entries
-    report["files"] = {printable(name) + "/" * entries[name]: size for name, size in sizes.items()}
-    return {**report, "problem": f"{more} more names were not looked at"} if more else report
-
-
-def size_of(path: Path) -> int:
-    """Of a regular file; everything else has none, and so has what went meanwhile."""
-    try:
-        found = path.lstat()
-    except OSError:
-        return 0
-    return found.st_size if stat.S_ISREG(found.st_mode) else 0
+    return {**report, "problem": "; ".join(problems)} if problems else report
 
 
 def read_history(file: File) -> Report:

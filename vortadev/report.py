@@ -12,21 +12,20 @@ from datetime import datetime, tzinfo
 import os
 from pathlib import Path
 import textwrap
-from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence, Tuple
+from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence
 
 from . import attention, finding, gather, lines, page, terminal
 from .errors import DeviceError
-from .evidence import Attention, Phone, State, Totals, worst_first
-from .options import local_time, number
+from .evidence import Attention, Phone, State, Totals
+from .options import checked, local_time, number
 from .terminal import complain, say
 
 NEEDED, FAILED = 1, 2  # statuses: some phone needs attention; there is no report
 HEADS = ("PHONE", "BOOTS", "UNEXPECTED", "DAYS", "LAST", "CAUSES", "DUMPS", "ATTENTION")
 NUMBERS = ("BOOTS", "UNEXPECTED", "DAYS")
-# What gives way, in this order, where the terminal leaves less than that to the last column.
-LEAST_LEFT = 40
-SHRINK = (("PHONE", 24), ("LAST", 10), ("UNEXPECTED", 5), ("CAUSES", 10), ("PHONE", 12), ("DUMPS", 8))
-NARROW = 100  # columns
+PARTS = {"PHONE": 7, "UNEXPECTED": 14, "CAUSES": 8, "DUMPS": 10}  # of the terminal's width: one in so many at most
+WIDE, DATE = 150, 10  # columns from which on LAST has the time of day as well; its columns elsewhere
+LEAST_SENTENCE = 30  # columns that half a sentence is worth more in than words
 MOST_SENTENCES = 20
 MOST_JOBS = 64
 WORST_FIRST = (State.CUT, State.OPEN, State.WAITING, State.WHOLE)
@@ -35,11 +34,10 @@ BOLD, RED = "1", "31"
 
 @dataclass
 class Row:
-    key: Tuple[int, int, str]
+    phone: Phone  # without its boots, but for the page
+    unexpected: int
     cells: Dict[str, str]
-    attentions: Tuple[Attention, ...]
     crashes: Dict[str, attention.Place]
-    phone: Optional[Phone]  # kept for the page alone
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
@@ -55,17 +53,16 @@ def add_options(parser: argparse.ArgumentParser) -> None:
     parser.add_argument("--jobs", metavar="N", type=jobs, help="phones at once; default: one a processor")
 
 
-def zone(name: str) -> tzinfo:
+def zone_info(name: str) -> Optional[tzinfo]:
     import zoneinfo
 
     try:
         return zoneinfo.ZoneInfo(name)
-    except (ValueError, OSError, zoneinfo.ZoneInfoNotFoundError):
-        known = zoneinfo.available_timezones()
-        hint = "" if known else " (this machine has no zones: python3 -m pip install tzdata brings them)"
-        raise argparse.ArgumentTypeError(
-            f"expected a zone like Europe/Paris{hint}, found {name or 'nothing'}"
-        ) from None
+    except (OSError, zoneinfo.ZoneInfoNotFoundError):
+        return None
+
+
+zone = checked("a zone that is known here, like Europe/Paris (the package tzdata of Python brings them)", zone_info)
 
 
 def report(arguments: argparse.Namespace) -> int:
@@ -89,15 +86,16 @@ def make(arguments: argparse.Namespace) -> int:
     with ExitStack() as stack:
         write_line = stack.enter_context(writer(arguments.jsonl)) if arguments.jsonl else None
         write_page = stack.enter_context(writer(arguments.html)) if arguments.html else None
-        for phone in read_all(sources, arguments.since, arguments.jobs or os.cpu_count() or 1):
+        read = read_all(sources, arguments.since, arguments.jobs or os.cpu_count() or 1)
+        for phone in terminal.progress(read, len(sources), "phones"):
             if write_line:
                 write_line(lines.of_whole(phone, arguments.zone))
             totals.add(phone)
             rows.append(row_of(phone, bool(write_page)))
-        totals.attention += add_shared(rows)
-        rows.sort(key=lambda row: row.key)
+        add_shared(rows, totals)
+        rows.sort(key=lambda row: (-len(row.phone.attentions), -row.unexpected, row.phone.name))
         if write_page:
-            for part in page.render([row.phone for row in rows if row.phone], totals, datetime.now()):
+            for part in page.render([row.phone for row in rows], totals, datetime.now()):
                 write_page(part)
     if "-" not in (arguments.jsonl, arguments.html):
         say(table(rows, terminal.width()) + summary(totals, terminal.width()))
@@ -120,7 +118,6 @@ def writer(path: str) -> Iterator[Callable[[str], object]]:
 
 def read_all(sources: Sequence[finding.Source], since: Optional[datetime], jobs: int) -> Iterator[Phone]:
     """In their order, some ahead of the one that is wanted. Unpacking, most of the work, needs no interpreter lock."""
-    progress = terminal.Progress(len(sources), "phones")
     running: Deque["Future[Phone]"] = deque()
     pool = ThreadPoolExecutor(jobs)
     try:
@@ -128,26 +125,17 @@ def read_all(sources: Sequence[finding.Source], since: Optional[datetime], jobs:
             running.append(pool.submit(gather.read, source, since))
             if len(running) > 4 * jobs:
                 yield running.popleft().result()
-                progress.step()
         while running:
             yield running.popleft().result()
-            progress.step()
     finally:
         pool.shutdown(cancel_futures=True)
-        progress.clear()
 
 
-def add_shared(rows: List[Row]) -> int:
-    """Crashes that several phones had; gives how many phones need attention for that alone."""
-    more = 0
+def add_shared(rows: List[Row], totals: Totals) -> None:
+    """Crashes that several phones had."""
     for row, found in zip(rows, attention.shared([row.crashes for row in rows])):
-        if not found:
-            continue
-        more += not row.attentions
-        row.attentions += found
-        row.key = (row.key[0] - len(found), *row.key[1:])
-        row.phone = row.phone and replace(row.phone, attentions=row.attentions)
-    return more
+        totals.attention += bool(found and not row.phone.attentions)
+        row.phone = replace(row.phone, attentions=row.phone.attentions + found)
 
 
 # The table
@@ -157,7 +145,7 @@ def row_of(phone: Phone, keep: bool) -> Row:
     causes = Counter(boot.cause for boot in phone.boots if boot.restart.unexpected)
     states = Counter(found.state for found in phone.collections)
     states[State.WAITING] = phone.waiting
-    last = phone.last
+    last = phone.boots[-1] if phone.boots else None
     shown = (
         phone.name,
         str(len(phone.boots)),
@@ -167,8 +155,8 @@ def row_of(phone: Phone, keep: bool) -> Row:
         ", ".join(f"{cause} {count}" for cause, count in causes.most_common()) or "-",
         ", ".join(f"{states[state]} {state.value}" for state in WORST_FIRST if states[state]) or "-",
     )
-    crashes = attention.signatures(phone)
-    return Row(worst_first(phone), dict(zip(HEADS, shown)), phone.attentions, crashes, phone if keep else None)
+    kept = phone if keep else replace(phone, boots=(), images=())
+    return Row(kept, phone.unexpected, dict(zip(HEADS, shown)), attention.signatures(phone))
 
 
 def sentences(found: Sequence[Attention], room: int) -> str:
@@ -180,34 +168,29 @@ def sentences(found: Sequence[Attention], room: int) -> str:
         if len(text) <= room:
             return text
     words = ", ".join(dict.fromkeys(one.rule for one in found))
-    return shortened(texts[0] if texts and room >= LEAST_LEFT else words, room)
-
-
-def shortened(text: str, room: int) -> str:
-    return text if len(text) <= room else text[: max(room - 1, 0)] + "…"
+    return fitted(HEADS[-1], texts[0] if texts and room >= LEAST_SENTENCE else words, room).rstrip()
 
 
 def table(rows: Sequence[Row], columns: int) -> str:
-    gap = " " if columns < NARROW else "  "
+    gap = "  " if columns >= WIDE else " "
     widths = {head: max(len(head), *(len(row.cells[head]) for row in rows)) for head in HEADS[:-1]}
-    room = columns - sum(widths.values()) - len(gap) * len(widths)
-    for head, least in SHRINK:
-        less = min(max(LEAST_LEFT - room, 0), max(widths[head] - least, 0))
-        widths[head] -= less
-        room += less
-    heads = line_of({head: head[:width] for head, width in widths.items()}, widths, gap) + HEADS[-1][:room]
+    widths.update({head: min(widths[head], columns // part) for head, part in PARTS.items()})
+    widths["LAST"] = widths["LAST"] if columns >= WIDE else min(widths["LAST"], DATE)
+    room = max(columns - sum(widths.values()) - len(gap) * len(widths), 1)
+    heads = "".join(fitted(head, head, width) + gap for head, width in widths.items()) + HEADS[-1][:room]
     text = [terminal.coloured(heads, BOLD)]
     for row in rows:
-        cells = {**row.cells, "LAST": row.cells["LAST"][: widths["LAST"]]}  # the day is what counts
-        cells["PHONE"] = shortened(cells["PHONE"][::-1], widths["PHONE"])[::-1]  # of a path, its end
-        needs = terminal.coloured(sentences(row.attentions, room), RED)
-        text.append((line_of(cells, widths, gap) + needs).rstrip())
+        line = "".join(fitted(head, row.cells[head], width) + gap for head, width in widths.items())
+        text.append((line + terminal.coloured(sentences(row.phone.attentions, room), RED)).rstrip())
     return "\n".join(text) + "\n"
 
 
-def line_of(cells: Dict[str, str], widths: Dict[str, int], gap: str) -> str:
-    shown = ((head, shortened(cells[head], width), width) for head, width in widths.items())
-    return "".join((text.rjust(width) if head in NUMBERS else text.ljust(width)) + gap for head, text, width in shown)
+def fitted(head: str, text: str, width: int) -> str:
+    if len(text) > width and head == "PHONE":
+        text = "…" + text[len(text) - width + 1 :]  # of a path, the end
+    elif len(text) > width:
+        text = text[:width] if head == "LAST" else text[: width - 1] + "…"
+    return text.rjust(width) if head in NUMBERS else text.ljust(width)
 
 
 def summary(totals: Totals, columns: int) -> str:

@@ -7,12 +7,13 @@ import os
 import shutil
 import sys
 import time
-from typing import Optional, TextIO
+from typing import Iterable, Iterator, Optional, TextIO, TypeVar
 
 from .errors import DeviceError, printable
 
 BAR = 30  # characters
 CLEAR = "\r\x1b[K"
+T = TypeVar("T")
 
 
 def complain(text: str) -> None:
@@ -46,30 +47,20 @@ def coloured(text: str, colour: str) -> str:
     return f"\x1b[{colour}m{text}\x1b[0m" if shows and text else text
 
 
-class Progress:
-    """How far it is and the time left, on standard error if that is a terminal."""
+def progress(found: Iterable[T], total: int, what: str) -> Iterator[T]:
+    """Passes on what is found and says how far that is and the time left, on standard error if it is a terminal."""
+    start = time.monotonic()
+    try:
+        for done, one in enumerate(found, 1):
+            yield one
+            left = round((time.monotonic() - start) / done * (total - done))
+            full = "#" * (BAR * done // total)
+            draw(f"[{full:<{BAR}}] {done} of {total} {what}, {left // 60}:{left % 60:02} left")
+    finally:
+        draw("")
 
-    def __init__(self, total: int, what: str) -> None:
-        self.total, self.what, self.done = total, what, 0
-        self.start = self.shown = time.monotonic()
-        self.shows = is_terminal(sys.stderr)
 
-    def step(self) -> None:
-        self.done += 1
-        now = time.monotonic()
-        if not self.shows or now - self.shown < 0.1:
-            return
-        self.shown = now
-        full = BAR * self.done // self.total
-        left = round((now - self.start) / self.done * (self.total - self.done))
-        so_far = f"[{'#' * full}{' ' * (BAR - full)}] {self.done} of {self.total} {self.what}"
-        self.write(f"{CLEAR}{so_far}, {left // 60}:{left % 60:02} left")
-
-    def clear(self) -> None:
-        if self.shows:
-            self.write(CLEAR)
-
-    def write(self, text: str) -> None:
+def draw(text: str) -> None:
+    if is_terminal(sys.stderr):
         with suppress(OSError):
-            sys.stderr.write(text)
-            sys.stderr.flush()
+            print(end=CLEAR + text, file=sys.stderr, flush=True)

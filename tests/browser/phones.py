@@ -16,11 +16,11 @@ STATES = (State.WHOLE, State.CUT, State.OPEN)
 
 def boot(number: int, when: datetime) -> Boot:
     restart = list(Restart)[number % len(Restart)]
-    time, kept, kernel = f"{when:%Y%m%d%H%M%S}-00000001", None, None
+    time, kept = f"{when:%Y%m%d%H%M%S}-00000001", None
     if restart is Restart.CRASH:
         state = STATES[number // len(Restart) % len(STATES)]
-        kept, kernel = Collection(f"/{HOSTILE}/{time}", state, True, FILES, state), KERNEL
-    return Boot(time, restart, when, restart.name, HOSTILE if kept else "reason", kept, kernel=kernel)
+        kept = Collection(f"/{HOSTILE}/{time}", state, True, FILES, state, kernel=KERNEL)
+    return Boot(time, restart, when, restart.name, HOSTILE if kept else "reason", kept)
 
 
 def phones(count: int) -> Tuple[List[Phone], Totals]:

@@ -7,6 +7,7 @@ from __future__ import annotations
 import json
 import os
 from pathlib import Path
+import re
 import subprocess
 import sys
 from typing import Any, Dict, List, Tuple
@@ -38,7 +39,7 @@ def read(out: Path) -> List[Phone]:
 
 def told(boot: Boot) -> Account:
     """A boot in the words of the account."""
-    kernel = boot.kernel and {"function": boot.kernel.function, "version": boot.kernel.version}
+    kernel = boot.kernel and boot.kernel.crash_line and boot.kernel
     return {
         "time": boot.time,
         "restart": boot.restart.value,
@@ -49,7 +50,8 @@ def told(boot: Boot) -> Account:
         "minidump": boot.collection.minidump.value if boot.collection else None,
         "fulldump": boot.fulldump.state.value if boot.fulldump else None,
         # The log of a boot that collected no crash may well be there, but tells of none.
-        "kernel": kernel if boot.kernel and boot.kernel.crash_line else None,
+        "function": kernel.function if kernel else None,
+        "version": kernel.version if kernel else None,
     }
 
 
@@ -60,10 +62,9 @@ def test_each_boot_and_each_attention_is_found_and_no_other(made: Tuple[Path, Ac
     expectations = sorted(account["phones"], key=lambda phone: str(phone["name"]))
     assert [phone.name for phone in found] == [phone["name"] for phone in expectations]
     for phone, common, expected in zip(found, shared, expectations):
-        wanted = [{name: value for name, value in boot.items() if name != "simulated"} for boot in expected["boots"]]
-        for boot in wanted:
-            boot["kernel"] = boot["kernel"] and {name: boot["kernel"][name] for name in ("function", "version")}
-        assert [told(boot) for boot in phone.boots] == wanted, expected["story"]
+        for boot, wanted in zip(phone.boots, expected["boots"]):
+            assert {**wanted, **told(boot)} == wanted, expected["story"]
+        assert len(phone.boots) == len(expected["boots"])
         rules = sorted(one.rule for one in phone.attentions + common)
         assert rules == sorted(expected["attention"]), expected["story"]
         assert phone.waiting == expected["waiting"]
@@ -74,7 +75,7 @@ def test_a_signature_is_a_crash(made: Tuple[Path, Account]) -> None:
     out, account = made
     boots = {boot.time: boot for phone in read(out) for boot in phone.boots}
     crashes = {
-        boot["time"]: boot["kernel"]["crash"] for told in account["phones"] for boot in told["boots"] if boot["kernel"]
+        boot["time"]: boot["crash"] for told in account["phones"] for boot in told["boots"] if boot["crash"] is not None
     }
     pairs = {(crash, boots[time].kernel.signature) for time, crash in crashes.items()}  # type: ignore[union-attr]
     assert len(pairs) == len({crash for crash, _ in pairs}) == len({signature for _, signature in pairs}) > 0
@@ -86,12 +87,8 @@ def test_totals_are_those_of_the_account(made: Tuple[Path, Account]) -> None:
     ended = subprocess.run(command, capture_output=True, text=True, check=False, timeout=120)
     totals = account["totals"]
     assert (ended.returncode, ended.stderr) == (1 if totals["attention"] else 0, "")
-    summary = ended.stdout.splitlines()[-1]
-    states = ", ".join(f"{count} {state}" for state, count in totals["collections"].items() if count)
-    for said in (
-        f"{totals['phones']} phones, {totals['boots']} boots, {totals['unexpected']} unexpected",
-        f"{sum(totals['collections'].values())} collections: {states}",
-        f"{totals['attention']} phones need attention",
-    ):
-        assert said in summary
-    assert totals["waiting"] == 0 or f"{totals['waiting']} dump" in summary
+    told = [int(number) for number in re.findall(r"\d+", ended.stdout.splitlines()[-1])]
+    states = totals["collections"].values()
+    counts = [*states, totals["waiting"], totals["attention"]]
+    wanted = [totals["phones"], totals["boots"], totals["unexpected"], sum(states), *filter(None, counts)]
+    assert told == wanted

@@ -50,7 +50,8 @@ def test_phones_are_found_and_named(tmp_path: Path) -> None:
     """However a pull nested them, each once; an image is found by what it holds, and a link not at all."""
     for name in ("SN1", "SN2/data/vendor/log", "monday/SN3", "monday/SN4", "again/SN5", "x/again/SN5", "x/SN6"):
         pulled.pull(tmp_path / name, NORMAL)
-    (tmp_path / "image.img").write_bytes(bytes(16) + b"MRAW" + bytes(456))
+    for name in ("image.img", "SN2/rawdump.img", "SN1/reliability/a.img", "SN1/b.img"):
+        (tmp_path / name).write_bytes(bytes(16) + b"MRAW" + bytes(456))
     (tmp_path / "SN7").symlink_to(tmp_path / "SN1")
     (tmp_path / "empty").mkdir()
     problems: List[str] = []
@@ -59,6 +60,17 @@ def test_phones_are_found_and_named(tmp_path: Path) -> None:
     twice = [str(tmp_path / "again/SN5"), str(tmp_path / "x/again/SN5")]
     assert sorted(names) == sorted(["SN1", "SN2", "SN3", "SN4", "SN6", "image", *twice])
     assert problems == [f"{tmp_path / 'empty'}: no phone's folder or image was found in it"]
+    images = {source.name: [Path(image["path"]).name for image in gather.read(source).images] for source in found}
+    wanted = {"SN1": ["a.img", "b.img"], "SN2": ["rawdump.img"], "image": ["image.img"]}
+    assert {name: told for name, told in images.items() if told} == wanted
+
+
+def test_more_phones_than_are_looked_at(tmp_path: Path) -> None:
+    for number in range(4100):
+        (tmp_path / f"{number:04}").mkdir()
+    pulled.pull(tmp_path / "0000", NORMAL)
+    status, _, error = run(tmp_path)
+    assert status == 0 and "holds 4 more names, which were not looked at" in error
 
 
 def test_status_and_table(tmp_path: Path) -> None:
@@ -70,11 +82,14 @@ def test_status_and_table(tmp_path: Path) -> None:
     assert worst.startswith("cut ") and best.startswith("whole ") and "\x1b" not in out
     end = "2 phones, 2 boots, 1 unexpected; 1 collection: 1 cut; 1 phone needs attention"
     assert totals == end and "rawdump.bin ends early" in worst
-    wrong_uses: Tuple[List[object], ...] = ([tmp_path / "none"], [whole, "--tz", "Mars"], [whole, "--jobs", 0], [])
-    for wrong in wrong_uses:
-        status, out, error = run(*wrong)
-        assert status == 2 and not out and error.startswith("vortadev: ")
     assert run(whole, tmp_path / "none")[0] == 0
+
+
+@pytest.mark.parametrize("wrong", ([], ["none"], [".", "--tz", "Mars"], [".", "--tz", "/"], [".", "--jobs", 0]))
+def test_wrong_use(tmp_path: Path, monkeypatch: pytest.MonkeyPatch, wrong: List[object]) -> None:
+    monkeypatch.chdir(pulled.pull(tmp_path, NORMAL))
+    status, out, error = run(*wrong)
+    assert status == 2 and not out and error.startswith("vortadev: ")
 
 
 @pytest.mark.skipif(not os.path.exists("/dev/full"), reason="needs Linux")
@@ -200,24 +215,19 @@ def test_hostile_files(tmp_path: Path, name: str, spoil: str) -> None:
 
 def test_damaged_folders(tmp_path: Path) -> None:
     """Truncated, flipped and exchanged."""
-    phone = pulled.pull(
-        tmp_path / "SN1",
-        [*NORMAL, CRASH],
-        {time(9): NO_PANIC, time(5): {"last_kmsg": PANIC, "rawdump.bin": pulled.MINIDUMP}},
-    )
+    folders = {time(9): NO_PANIC, time(5): {"last_kmsg": PANIC, "rawdump.bin": pulled.MINIDUMP}}
+    phone = pulled.pull(tmp_path / "SN1", [*NORMAL, CRASH], folders)
     files = [path for path in sorted(phone.rglob("*")) if path.is_file()]
     random = Random(7)
-    for _ in range(60):
+    for number in range(60):
         one, other = random.choice(files), random.choice(files)
-        data = bytearray(one.read_bytes())
-        kind = random.randrange(3)
-        if kind == 0:
+        data = bytearray((other if number % 3 == 0 else one).read_bytes())
+        if number % 3 == 1:
             del data[random.randrange(len(data) + 1) :]
-        for _ in range(9 if kind == 1 and data else 0):
+        for _ in range(9 if number % 3 == 2 and data else 0):
             data[random.randrange(len(data))] ^= 1 << random.randrange(8)
-        one.write_bytes(other.read_bytes() if kind == 2 else data)
+        one.write_bytes(data)
         status, out, _ = run(tmp_path, "--jsonl", tmp_path / "lines")
         assert status in (0, 1) and all(line.isprintable() for line in out.splitlines())
-        assert [json.loads(line) for line in (tmp_path / "lines").read_text("utf-8").splitlines()][-1][
-            "kind"
-        ] == "phone"
+        *_, last = (tmp_path / "lines").read_text("utf-8").splitlines()
+        assert json.loads(last)["kind"] == "phone"

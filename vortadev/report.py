@@ -76,6 +76,8 @@ def report(arguments: argparse.Namespace) -> int:
 
 def make(arguments: argparse.Namespace) -> int:
     """Gives how many phones need attention."""
+    if arguments.html == arguments.jsonl == "-":
+        raise DeviceError("--html and --jsonl cannot both be -: standard output takes one of them")
     problems: List[str] = []
     sources = finding.sources(arguments.paths, problems)
     for problem in problems:

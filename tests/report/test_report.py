@@ -85,7 +85,10 @@ def test_status_and_table(tmp_path: Path) -> None:
     assert run(whole, tmp_path / "none")[0] == 0
 
 
-@pytest.mark.parametrize("wrong", ([], ["none"], [".", "--tz", "Mars"], [".", "--tz", "/"], [".", "--jobs", 0]))
+@pytest.mark.parametrize(
+    "wrong",
+    ([], ["none"], [".", "--tz", "Mars"], [".", "--tz", "/"], [".", "--jobs", 0], [".", *"--html - --jsonl -".split()]),
+)
 def test_wrong_use(tmp_path: Path, monkeypatch: pytest.MonkeyPatch, wrong: List[object]) -> None:
     monkeypatch.chdir(pulled.pull(tmp_path, NORMAL))
     status, out, error = run(*wrong)

@@ -37,7 +37,7 @@ KEEP_IMAGE = "(somebody keeps an image)"
 
 
 def add_options(parser: argparse.ArgumentParser) -> None:
-    parser.add_argument("out", metavar="OUT", type=Path, help="folder that is made")
+    parser.add_argument("out", metavar="OUT", type=Path, help="folder that is made; it must not be there yet")
     phones, seed, jobs = number(int, 1, LARGEST), number(int, 0, 1e9), number(int, 1, 64)
     parser.add_argument("--phones", metavar="N", type=phones, default=30, help=f"at most {LARGEST} (default 30)")
     parser.add_argument("--seed", metavar="S", type=seed, default=1, help="the same one tells the same stories")

@@ -81,7 +81,7 @@ def recognised(file: File) -> str:
             return kind
     raise DeviceError(
         f"{file.path}: expected an image of {records.RAWDUMP} or {records.BOOTFAIL}, found the record of neither; "
-        f"--as {records.RAWDUMP} or --as {records.BOOTFAIL} reads it nevertheless"
+        "--as tells which of them it is"
     )
 
 
@@ -177,7 +177,7 @@ def read_folder(path: Path, report: Report) -> None:
         image for folder in below for image in images_among(folder, listed(folder))
     ]
     if len(pulled) > 1 or not pulled and not images:
-        more = f"; it holds {len(pulled)}, which can be named" if pulled else ""
+        more = f"; it holds {len(pulled)}: show takes one of them, report all" if pulled else ""
         raise DeviceError(f"{path} is neither a simulated device nor a log folder of a phone{more}")
     report["kind"] = IMAGE_FOLDER
     if pulled:

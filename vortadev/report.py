@@ -23,7 +23,7 @@ from .terminal import complain, say
 NEEDED, FAILED = 1, 2  # statuses: some phone needs attention; there is no report
 HEADS = ("PHONE", "BOOTS", "UNEXPECTED", "DAYS", "LAST", "CAUSES", "DUMPS", "ATTENTION")
 NUMBERS = ("BOOTS", "UNEXPECTED", "DAYS")
-PARTS = {"PHONE": 7, "UNEXPECTED": 14, "CAUSES": 8, "DUMPS": 10}  # of the terminal's width: one in so many at most
+PARTS = {"PHONE": 7, "UNEXPECTED": 14, "CAUSES": 8, "DUMPS": 8}  # of the terminal's width: one in so many at most
 WIDE, DATE = 150, 10  # columns from which on LAST has the time of day as well; its columns elsewhere
 LEAST_SENTENCE = 30  # columns that half a sentence is worth more in than words
 MOST_SENTENCES = 20

@@ -34,11 +34,14 @@ ssize_t Transfer(long number, int fd, void* buffer, size_t size) {
 
 }  // namespace
 
-// The daemon's sources in this program call these.
-extern "C" ssize_t read(int fd, void* buffer, size_t size) {
+// What read and write are to the daemon's sources in this program. Labelled, as the C library's
+// headers may define the plain names.
+ssize_t Read(int fd, void* buffer, size_t size) __asm__("read");
+ssize_t Read(int fd, void* buffer, size_t size) {
     return Transfer(SYS_read, fd, buffer, size);
 }
-extern "C" ssize_t write(int fd, const void* buffer, size_t size) {
+ssize_t Write(int fd, const void* buffer, size_t size) __asm__("write");
+ssize_t Write(int fd, const void* buffer, size_t size) {
     return Transfer(SYS_write, fd, const_cast<void*>(buffer), size);
 }
 

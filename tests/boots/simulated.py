@@ -7,7 +7,7 @@ import os
 from pathlib import Path
 from typing import Any, Dict, List, Sequence, Tuple
 
-from vortadev import check, device, records, sandbox, scenario
+from vortadev import check, device, sandbox, scenario
 
 VARIATIONS = Path(__file__).parent / "variations"
 DUMPLOG = "data/vendor/log/reliability/dumplog"  # on disk
@@ -64,11 +64,6 @@ class Phone:
 
     def partition(self, name: str) -> Path:
         return device.partition_path(self.folder, name)
-
-    def minidump_waits(self) -> bool:
-        with self.partition(records.RAWDUMP).open("rb") as rawdump:
-            rawdump.seek(0x400000 + 12)
-            return bool(rawdump.read(1)[0] & 1)
 
     def write(self, phone_path: str, data: bytes) -> None:
         device.write(self.folder, phone_path, data)

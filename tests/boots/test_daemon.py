@@ -7,7 +7,6 @@ from dataclasses import replace
 import os
 from pathlib import Path
 import re
-import shutil
 from typing import Dict
 
 from conftest import MakePhone
@@ -28,6 +27,7 @@ NO_SERVICE = (0, "StartVorta\n", "[vorta] input srvName is invalid\n")
 REFUSED = (255, "", f"/vendor/bin/vorta: invalid option -- '-'\n{UNKNOWN}")
 
 COMMAND_LINES = {  # exit status, standard output, standard error
+    "": NO_SERVICE,
     "operand": NO_SERVICE,
     "operand -x": NO_SERVICE,
     "--help": (0, "", USAGE),
@@ -39,28 +39,17 @@ COMMAND_LINES = {  # exit status, standard output, standard error
 }
 
 
-@pytest.fixture
-def restarted(make_phone: MakePhone) -> Phone:
-    return make_phone(scenario.load("normal-restart"))
-
-
-def test_options_choose_the_service(restarted: Phone) -> None:
-    before = restarted.boot("operand").before
+def test_options_choose_the_service(make_phone: MakePhone) -> None:
+    phone = make_phone(replace(scenario.load("normal-restart"), arguments=[]))
     for line, wanted in COMMAND_LINES.items():
-        run = restarted.boot(*line.split()).run
-        assert (run.status, run.out.decode(), run.err.decode()) == wanted, line
-    assert restarted.boot("operand").after == before
+        boot = phone.boot(*line.split())
+        assert (boot.run.status, boot.run.out.decode(), boot.run.err.decode()) == wanted, line
+        assert boot.after == boot.before
 
 
-def test_no_argument_is_no_service(make_phone: MakePhone) -> None:
-    wanted = replace(scenario.load("normal-restart"), arguments=[])
-    run = make_phone(wanted).boot().run
-    assert (run.status, run.out.decode(), run.err.decode()) == NO_SERVICE
-
-
-def test_closed_standard_descriptors_are_occupied(restarted: Phone) -> None:
+def test_closed_standard_descriptors_are_occupied(make_phone: MakePhone) -> None:
     """A partition that got the number of one would have the log's echo, or "StartVorta", written into it."""
-    boot = restarted.boot(wrapper=["/bin/sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-'])
+    boot = make_phone(scenario.load("normal-restart")).boot(wrapper=["/bin/sh", "-c", 'exec "$0" "$@" <&- >&- 2>&-'])
     assert boot.run.err == b""
     assert boot.broken() == ["broken promise: standard output b'StartVorta\\n', found b''"]
 
@@ -114,41 +103,23 @@ def test_second_boot_collects_nothing_again(panicked: Phone) -> None:
     assert second.after.history.count(b"system exception") == 2
 
 
-@pytest.mark.parametrize("name", ["data-full", "data-read-only", "dump-folder-missing"])
-def test_uncollected_minidump_is_collected_later(make_phone: MakePhone, name: str) -> None:
-    """The run goes on to its end, and the next boot of the same kind, with room, collects what waits."""
-    phone = make_phone(variation(name))
-    header = phone.partition("rawdump").read_bytes()[:472]
-    if name == "dump-folder-missing":
-        shutil.rmtree(phone / DUMPLOG)
-    phone.boot(read_only_data=name == "data-read-only")
-    assert phone.minidump_waits()
-    (phone / DUMPLOG).mkdir(exist_ok=True)
-    for folder in phone.boots():
-        shutil.rmtree(folder)
-    phone.poke("rawdump", {0: header})
-    phone.boot(data_size=None)
-    (folder,) = phone.boots()
-    assert (folder / "DONE").exists() and not phone.minidump_waits()
-
-
 @pytest.mark.skipif(options().emulator is not None, reason="strace is one of this machine")
 def test_minidump_without_its_packed_file_waits(make_phone: MakePhone, scratch: Path) -> None:
     """The first boot tells which call of the daemon opens the file, the second one refuses it."""
     trace = scratch / "trace"
     trace.touch()
-    bound = [(str(trace), "/trace")]
-    make_phone(variation("panic")).boot(
-        **traced("-o", "/trace", "-e", "trace=openat", "-e", "signal=none", binds=bound)
-    )
-    calls = trace.read_text().splitlines()
-    when = next(number for number, call in enumerate(calls, 1) if "rawdump.bin" in call)
-    refused = f"inject=openat:error=ENOSPC:when={when}"
+    calls = ("-o", "/trace", "-e", "trace=openat", "-e")
+    make_phone(variation("panic")).boot(**traced(*calls, "signal=none", binds=[(str(trace), "/trace")]))
+    opened = trace.read_text().splitlines()
+    when = next(number for number, call in enumerate(opened, 1) if "rawdump.bin" in call)
     phone = make_phone(variation("panic"))
-    log = phone.boot(**traced("-o", "/dev/null", "-e", "trace=openat", "-e", refused)).run.log
-    assert re.search(r"^E vorta: \[DumpFileCreate\] open file /data/\S+/rawdump.bin errno = 28$", log, re.M)
-    assert "[DumpFileCompress]" not in log and phone.minidump_waits()
+    refused = f"inject=openat:error=ENOSPC:when={when}"
+    boot = phone.boot(**traced(*calls, refused, binds=[(str(trace), "/trace")]))
+    assert re.search(r"^E vorta: \[DumpFileCreate\] open file /data/\S+/rawdump.bin errno = 28$", boot.run.log, re.M)
+    assert "[DumpFileCompress]" not in boot.run.log
     assert sorted(path.name for path in phone.boots()[0].glob("*.bin")) == ["tmp.bin"]
+    waiting, now = (state.partitions["rawdump"].read(0x400000, 56) for state in (boot.before, boot.after))
+    assert waiting == now
 
 
 @pytest.mark.parametrize(

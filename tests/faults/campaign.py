@@ -4,14 +4,15 @@ again without faults, and a boot after a cut is cut as well."""
 from __future__ import annotations
 
 from collections import Counter
+from concurrent.futures import ThreadPoolExecutor
 import json
-import multiprocessing
 import os
 from pathlib import Path
 import re
 import subprocess
 import sys
 import tempfile
+import threading
 from typing import Dict, FrozenSet, Hashable, List, NamedTuple, Sequence, Tuple
 
 from vortadev import check, device as devices, sandbox
@@ -67,17 +68,16 @@ class Campaign:
 
     def run(self) -> int:
         """In memory where there is such a file system: the daemon writes through to storage. Gives the exit status."""
-        global _campaign
         memory = Path("/dev/shm")
         with tempfile.TemporaryDirectory(prefix="vf-", dir=memory if memory.is_dir() else None) as folder:
-            self.scratch, _campaign = Path(folder), self
+            self.scratch = Path(folder)
             self.boots = {name: self.prepare(name) for name in SCENARIOS}
             cases = [case for boot in self.boots.values() for case in self.plan(boot)]
             if not cases:
                 raise SystemExit("--only: no case has such a name; expected a part of one like panic:fsync:1:EIO:once")
             outcomes: List[Outcome] = []
-            with multiprocessing.get_context("fork").Pool(self.options.jobs) as pool:
-                for outcome in pool.imap_unordered(try_case, cases, chunksize=8):
+            with ThreadPoolExecutor(self.options.jobs) as pool:
+                for outcome in pool.map(self.try_case, cases):
                     outcomes.append(outcome)
                     progress(f"{len(outcomes)} of {len(cases)}" if len(outcomes) < len(cases) else "")
         return self.report(sorted(outcomes))
@@ -125,7 +125,7 @@ class Campaign:
 
     def try_case(self, case: Strike) -> Outcome:
         boot, tried = self.boots[case.boot], Counter({"cuts" if self.cuts else "faults": 1})
-        device = boot.template.copy_to(self.scratch / str(os.getpid()) / "first")
+        device = boot.template.copy_to(self.scratch / str(threading.get_ident()) / "first")
         run, broken = strike(case, boot.calls, device)
         struck = struck_by(case, boot)
         if self.cuts:
@@ -202,14 +202,6 @@ class Campaign:
         result = {"boots": self.counts, "broken": [case._asdict() for case in broken], "known": known, "stale": stale}
         self.options.json.write_text(json.dumps(result, indent=2) + "\n")
         return 1 if broken or stale else 0
-
-
-_campaign: Campaign
-
-
-def try_case(case: Strike) -> Outcome:
-    """In a process of its own, which has the campaign from the one that it was forked from."""
-    return _campaign.try_case(case)
 
 
 def strike(case: Strike, calls: Sequence[Call], device: Device) -> Tuple[sandbox.Run, List[Broken]]:

@@ -10,7 +10,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
-from typing import Dict, List
+from typing import Dict
 
 ROOT = Path(__file__).resolve().parents[2]
 PARTS = {
@@ -36,10 +36,9 @@ MUTANTS: Dict[str, Dict[str, str]] = {
 
 
 def build(changes: Dict[str, str], tree: Path) -> str:
-    sources: List[Path] = []
     for folder in ("handle", "rainbow"):  # copied with new times, so that all of it is built
         shutil.copytree(ROOT / folder, tree / folder, copy_function=shutil.copy, dirs_exist_ok=True)
-        sources += (tree / folder).glob("*.cpp")
+    sources = [*tree.glob("handle/*.cpp"), *tree.glob("rainbow/*.cpp")]
     for pattern, replacement in changes.items():
         places = [source for source in sources for _ in re.finditer(pattern, source.read_text())]
         if len(places) != 1:

@@ -10,9 +10,7 @@
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
-#include <optional>
 #include <string>
 
 namespace fuzz {
@@ -22,7 +20,6 @@ inline const std::string kCmdline = "/proc/cmdline";
 inline const std::string kProperties = "/vendor/build.prop";
 
 inline int reportFd = STDERR_FILENO;  // what the daemon itself writes goes to /dev/null
-inline int firstFree = -1;            // the lowest descriptor that the fuzzer leaves free
 
 // Ends the run as a finding unless `holds`.
 inline void Require(bool holds, const char* rule) {
@@ -49,26 +46,17 @@ class Input {
         rest_.erase(0, piece.size() + 1);
         return piece;
     }
-    std::string Line() {  // a text without line feeds and NULs
-        std::string line = Text();
-        const auto unfit = [](char c) { return c == '\n' || c == '\0'; };
-        line.erase(std::remove_if(line.begin(), line.end(), unfit), line.end());
-        return line;
-    }
 
   private:
     std::string rest_;
 };
 
-// Replaces a file; without content, removes it.
-inline void Write(const std::string& path, const std::optional<std::string>& bytes) {
-    if (!bytes) {
-        (void)unlink(path.c_str());
-        return;
+// Replaces a file, or removes it.
+inline void Write(const std::string& path, const std::string& bytes, bool exists = true) {
+    (void)unlink(path.c_str());
+    if (exists) {
+        Require((std::ofstream(path) << bytes).flush().good(), "the device can be written to");
     }
-    std::ofstream file(path, std::ios::binary);
-    file << *bytes << std::flush;
-    Require(file.good(), "the device can be written to");
 }
 
 // A file's bytes; none if it is missing.
@@ -79,19 +67,14 @@ inline std::string Read(const std::string& path) {
     return bytes;
 }
 
-// The fuzzer keeps time by a signal, which would interrupt the reading of a pipe. In the daemon's
-// own process no signal has a handler.
-inline void RepeatInterrupted() {
+// Makes this process a new one for the code under test: closes what was left open, and lets the
+// signal by which the fuzzer keeps time interrupt no call, as the daemon handles no signals.
+inline void StartAnew() {
     struct sigaction action = {};
     (void)sigaction(SIGALRM, nullptr, &action);
     action.sa_flags |= SA_RESTART;
     (void)sigaction(SIGALRM, &action, nullptr);
-}
-
-// Closes what the objects under test left open, as the end of their process would.
-inline void CloseLeftOpen() {
-    RepeatInterrupted();
-    firstFree = firstFree < 0 ? dup(STDIN_FILENO) : firstFree;
+    static const int firstFree = dup(STDIN_FILENO);
     (void)close_range(static_cast<unsigned>(firstFree), ~0U, 0);
 }
 
@@ -104,17 +87,6 @@ Record RecordOf(const std::string& bytes) {  // missing bytes are zero
     Record record = {};
     bytes.copy(reinterpret_cast<char*>(&record), sizeof(record));
     return record;
-}
-
-// CRC-32/MPEG-2 by polynomial division, a bit at a time: the start value flips the first 32 bits.
-inline uint32_t Crc(const std::string& bytes) {
-    uint64_t remainder = 0;
-    for (size_t bit = 0; bit < bytes.size() * 8 + 32; ++bit) {
-        const bool set = bit / 8 < bytes.size() && (bytes[bit / 8] >> (7 - bit % 8) & 1) != 0;
-        remainder = remainder << 1 | static_cast<uint64_t>(set != (bit < 32));
-        remainder ^= remainder >> 32 != 0 ? 0x104C11DB7 : 0;
-    }
-    return static_cast<uint32_t>(remainder);
 }
 
 }  // namespace fuzz

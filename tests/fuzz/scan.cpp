@@ -16,8 +16,7 @@ constexpr size_t kFields = 4, kAmple = 512;
 // A text conversion takes a size besides its pointer; text in front of '%' and "%%" take nothing.
 const char* const kTexts[] = {"%s", "%3s", "%[a-c]", "%[^,]", "%5[^ ]", "%[]x]"};
 const char* const kOthers[] = {"%d", "%llx", "%n", "%c", "%*s", "%*d", "%*[ab]", " ", "x=", "%%"};
-constexpr size_t kCharacter =
-    3;  // of the others: it takes a size as well, those before it a pointer only
+constexpr size_t kCharacter = 3;  // of the others takes a size as well, those before it do not
 
 }  // namespace
 
@@ -38,12 +37,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             word += isText || which == kCharacter ? 1 : 0;
         }
     }
-    const std::string text = input.Line().substr(0, kAmple / 2);
+    const std::string text = input.Text().substr(0, kAmple / 2);
     const int result = sscanf_s(text.c_str(), format.c_str(), words[0], words[1], words[2],
                                 words[3], words[4], words[5], words[6], words[7]);
     const int fields = sscanf(text.c_str(), format.c_str(), &ample[0][0], &ample[1][0],
                               &ample[2][0], &ample[3][0]);
-    for (size_t i = 0; i < rooms.size() && !text.empty(); ++i) {
+    for (size_t i = 0; i < rooms.size() && *text.c_str() != 0; ++i) {
         if (rooms[i] > 0 && ample[i].find('\0') != ample[i].npos &&
             strlen(ample[i].c_str()) >= rooms[i]) {
             Require(bounded[i][0] == '\0', "a text that does not fit is emptied");
@@ -54,6 +53,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
         Require(bounded[i] == ample[i], "fields");
     }
-    Require(result == (text.empty() ? -1 : fields), "result");
+    Require(result == (*text.c_str() == 0 ? -1 : fields), "result");
     return 0;
 }

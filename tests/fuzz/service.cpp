@@ -50,11 +50,14 @@ void Put(std::string& partition, int64_t at, const std::string& bytes) {
     }
 }
 
+uint32_t Crc(const fulldump_header& meta) {
+    return RainbowHandle().FulldumpCrc32(reinterpret_cast<const uint8_t*>(&meta), 48);
+}
+
 // Only such a record counts; else the full dump is where the reason header has it.
 bool IsWholeAndReserved(const fulldump_header& meta) {
-    const std::string bytes = fuzz::BytesOf(meta);
-    return meta.crc == fuzz::Crc(bytes.substr(0, 48)) && bytes.substr(0, 4) == "ZZZZ" &&
-           bytes[5] == 'Z' && meta.reservedFlag == kFulldumpReserved;
+    return meta.crc == Crc(meta) && meta.magic == kFulldumpMagic && meta.magicTail == 'Z' &&
+           meta.reservedFlag == kFulldumpReserved;
 }
 
 // Everything that is there before the boot.
@@ -73,7 +76,7 @@ struct Boot {
         Put(rawdump, 0, input.Bytes(sizeof(ReasonHeader)));
         Put(rawdump, kMini, input.Bytes(kDump));
         auto meta = fuzz::RecordOf<fulldump_header>(input.Bytes(sizeof(fulldump_header)));
-        meta.crc = Has(kRightCrc) ? fuzz::Crc(fuzz::BytesOf(meta).substr(0, 48)) : meta.crc;
+        meta.crc = Has(kRightCrc) ? Crc(meta) : meta.crc;
         Put(bootfail, kFulldumpMetaRegion.offset, fuzz::BytesOf(meta));
         const auto header = fuzz::RecordOf<ReasonHeader>(rawdump);
         const bool usesMeta = !Has(kNoBootfail) && IsWholeAndReserved(meta);
@@ -81,9 +84,9 @@ struct Boot {
         dumpSize = static_cast<int64_t>(usesMeta ? meta.dumpSize : kFulldumpRebuiltSize);
         Put(userdata, dumpOffset, input.Bytes(kDump));
         fuzz::Write(fuzz::kProperties, input.Text());
-        fuzz::Write(fuzz::kCmdline, input.Line() + "\n");
-        Make(kPmicPonLogPath, kNoPonLog, input.Text());
-        Make(kBoardIdPath, kNoBoardId, input.Bytes(16));
+        fuzz::Write(fuzz::kCmdline, input.Text());
+        fuzz::Write(kPmicPonLogPath, input.Text(), !Has(kNoPonLog));
+        fuzz::Write(kBoardIdPath, input.Bytes(16), !Has(kNoBoardId));
         const std::string log = input.Text();
         for (const Region& region :
              {kXblAblRegion, kLastXblAblRegion, kLastKmsgRegion, kTzLogRegion}) {
@@ -92,13 +95,9 @@ struct Boot {
         history = input.Text();
         history.resize(Has(kLongHistory) ? kHistoryLimit + 1 : history.size());
         MakeData();
-        Make(fuzz::kPartitions + "rawdump", kNoRawdump, rawdump);
-        Make(fuzz::kPartitions + "userdata", kNoUserdata, userdata);
-        Make(fuzz::kPartitions + "bootfail_info", kNoBootfail, bootfail);
-    }
-
-    void Make(const std::string& path, Flag unless, const std::string& bytes) const {
-        fuzz::Write(path, Has(unless) ? std::nullopt : std::optional(bytes));
+        fuzz::Write(fuzz::kPartitions + "rawdump", rawdump, !Has(kNoRawdump));
+        fuzz::Write(fuzz::kPartitions + "userdata", userdata, !Has(kNoUserdata));
+        fuzz::Write(fuzz::kPartitions + "bootfail_info", bootfail, !Has(kNoBootfail));
     }
 
     void MakeData() const {
@@ -111,7 +110,7 @@ struct Boot {
             fs::resize_file(kDumplogRoot + "/2024/old", kDumplogLimit + 1);
             fuzz::Write(kFulldumplogRoot + "/2024/old", "");
         }
-        fuzz::Write(kShipmodePath, Has(kMarker) ? std::optional("") : std::nullopt);
+        fuzz::Write(kShipmodePath, "", Has(kMarker));
         fs::remove_all(Has(kNoDumplog) ? kDumplogRoot : "/none");
         fs::remove_all(Has(kNoFulldumplog) ? kFulldumplogRoot : "/none");
     }
@@ -133,7 +132,7 @@ std::string CheckPartition(const std::string& name, bool exists, const std::stri
     return now;
 }
 
-// A dump whose header was cleared lies in a file with that end of its path: the whole chunks that
+// A dump whose header was cleared lies in a file with that in its path: the whole chunks that
 // the partition holds, or a small dump as it is.
 void CheckDump(const std::string& before, const std::string& now, int64_t at, int64_t most,
                const std::string& root, const std::string& name) {
@@ -145,7 +144,7 @@ void CheckDump(const std::string& before, const std::string& now, int64_t at, in
     std::string kept(before.size(), '\0');
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         const std::string path = entry.path();
-        if (path.size() > name.size() && path.rfind(name) == path.size() - name.size()) {
+        if (path.find(name) != path.npos) {
             const gzFile file = gzopen(path.c_str(), "rb");  // reads a plain file as it is
             kept.resize(std::max(0, gzread(file, &kept[0], static_cast<unsigned>(kept.size()))));
             (void)gzclose(file);
@@ -157,24 +156,22 @@ void CheckDump(const std::string& before, const std::string& now, int64_t at, in
 }
 
 void CheckHistory(const Boot& boot) {
-    const bool runs = !boot.Has(kCorvel) && !boot.Has(kNoHistory) && !boot.Has(kNoRawdump);
+    const bool runs = !boot.Has(kCorvel) && !boot.Has(kNoHistory) && !boot.Has(kNoRawdump) &&
+                      !boot.Has(kNoDumplog);
     const bool isRenewed = runs && boot.history.size() > kHistoryLimit;
     const std::string before = boot.Has(kNoDumplog) || isRenewed ? "" : boot.history;
     const std::string now = fuzz::Read(kDumplogRoot + "/" + kHistoryName);
-    const std::string start = "system exception core [NA], reason [";
     Require(now.compare(0, before.size(), before) == 0, "the history keeps its lines");
-    Require((now.size() > before.size()) == (runs && !boot.Has(kNoDumplog)), "a line a run");
-    if (now.size() > before.size()) {
-        Require(now.compare(before.size(), start.size(), start) == 0 && now.back() == '\n' &&
-                    now.find(start, before.size() + 1) == now.npos,
-                "one whole line a run");
-    }
+    const std::string added = now.substr(before.size());
+    Require(runs ? added.rfind("system exception core [NA], reason [") == 0 && added.back() == '\n'
+                 : added.empty(),
+            "one whole line a run");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    fuzz::CloseLeftOpen();
+    fuzz::StartAnew();
     const Boot boot(fuzz::Input(data, size));
     VortaParseFactory* const factory = VortaParseFactory::GetInstance();
     (boot.Has(kCorvel) ? factory->CreateCorvel() : factory->CreateRainbow())
@@ -182,22 +179,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     VortaParseFactory::ReleaseInstance();
     abnormalBootFlag = 0;
 
-    const bool isRainbow = !boot.Has(kCorvel);
-    const std::vector<Region> header = {{offsetof(ReasonHeader, reasonNode), sizeof(ReasonNode)},
-                                        {offsetof(ReasonHeader, userType), 8},
-                                        {offsetof(ReasonHeader, boardIdMagic), 4},
-                                        {offsetof(ReasonHeader, boardId), 4},
-                                        {kMini, kDump}};
-    const std::vector<Region> corvel = {{0, 8}}, none;
-    const std::vector<Region> meta = {{kFulldumpMetaRegion.offset + 6, 1},
-                                      {kFulldumpMetaRegion.offset + 48, 4}};
+    std::vector<Region> header = {{0, 8}}, dump, meta;  // what the service may write
+    if (!boot.Has(kCorvel)) {
+        header = {{offsetof(ReasonHeader, reasonNode), sizeof(ReasonNode)},
+                  {offsetof(ReasonHeader, userType), 8},
+                  {offsetof(ReasonHeader, boardIdMagic), 4},
+                  {offsetof(ReasonHeader, boardId), 4},
+                  {kMini, kDump}};
+        dump = {{boot.dumpOffset, kDump}};
+        meta = {{kFulldumpMetaRegion.offset + 6, 1}, {kFulldumpMetaRegion.offset + 48, 4}};
+    }
     const std::string rawdump =
-        CheckPartition("rawdump", !boot.Has(kNoRawdump), boot.rawdump, isRainbow ? header : corvel);
+        CheckPartition("rawdump", !boot.Has(kNoRawdump), boot.rawdump, header);
     const std::string userdata =
-        CheckPartition("userdata", !boot.Has(kNoUserdata), boot.userdata,
-                       isRainbow ? std::vector<Region>{{boot.dumpOffset, kDump}} : none);
-    (void)CheckPartition("bootfail_info", !boot.Has(kNoBootfail), boot.bootfail,
-                         isRainbow ? meta : none);
+        CheckPartition("userdata", !boot.Has(kNoUserdata), boot.userdata, dump);
+    (void)CheckPartition("bootfail_info", !boot.Has(kNoBootfail), boot.bootfail, meta);
     CheckDump(boot.rawdump, rawdump, kMini, kMinidumpRegion.size, kDumplogRoot, kRawdumpName);
     CheckDump(boot.userdata, userdata, boot.dumpOffset, boot.dumpSize, kFulldumplogRoot,
               "-" + kFulldumpName);

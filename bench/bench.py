@@ -23,7 +23,7 @@ from program import ROOT, CommandLine, need, run
 
 PLACES = {"disk": ROOT / "build/bench", "memory": Path("/dev/shm")}
 FEW = 3  # up to so many rounds all count; with more, one is run before them
-GROWTH, FLEETS = (1000, 10000, 100000), (30, 300)
+GROWTH, FLEETS = (1000, 10000, 100000), {"report-few": 30, "report-many": 300}  # phones by case
 STRIPS = {"host": "strip", "arm64": "aarch64-linux-gnu-strip"}  # by preset
 LARGEST_DAEMON, LARGEST_PEAK, FLAT = 100 << 10, 6 << 10, 256  # bytes, KiB, KiB
 LONGEST_REPORT, FLAT_REPORT = 5, 4 << 10  # seconds, KiB
@@ -72,8 +72,9 @@ def cases() -> List[Case]:
     for files in GROWTH:
         title = f"abnormal boot, no dump, empty logs, {files:,} files below dumplog"
         found.append(Case(f"growth-{files}", title, partial(Device, wanted=EMPTY, files=files), 10))
-    found.append(Case("report-30", "report on 30 phones", partial(Fleet, phones=30), 3, (GZIP,), 1.3))
-    found.append(Case("report-300", "report on 300 phones", partial(Fleet, phones=300), 1))
+    for (name, phones), rounds, rivals in zip(FLEETS.items(), (3, 1), ([GZIP], [])):
+        title = f"report on {phones} phones"
+        found.append(Case(name, title, partial(Fleet, phones=phones), rounds, rivals, 1.3))
     for mib, behind in ((256, "files"), (256, "loop"), (256, "memory"), (2048, "files"), (2048, "loop")):
         trial = partial(Device, wanted=full_dump(mib * MIB), loop=behind == "loop")
         compared = ([dd(mib * MIB)], 1.02, "memory" if behind == "memory" else "disk")
@@ -138,14 +139,15 @@ def goals(chosen: List[Case], results: Dict[str, Runs]) -> List[Goal]:
 
 def report_goals(own: Runs) -> List[Goal]:
     found: List[Goal] = []
-    few, many = (own.get(f"report-{phones}", []) for phones in FLEETS)
+    least, most = FLEETS.values()
+    few, many = (own.get(name, []) for name in FLEETS)
     if few:
-        words = f"report on {FLEETS[0]} phones below {LONGEST_REPORT} s, on two processors"
+        words = f"report on {least} phones below {LONGEST_REPORT} s, on two processors"
         found.append((words, f"{median(few, 'wall'):.2f}", median(few, "wall") < LONGEST_REPORT))
     if few and many:
         # One long run is disturbed by others more than several short ones, but in its processor time.
         times, peaks = ([median(costs, key) for costs in (few, many)] for key in ("processor", "peakKiB"))
-        growth, phones = times[1] / times[0], FLEETS[1] / FLEETS[0]
+        growth, phones = times[1] / times[0], most / least
         words = f"{phones:.0f} times the phones: at most that much processor time"
         found.append((words, f"{growth:.2f}", growth <= phones))
         words = f"{phones:.0f} times the phones: memory within {FLAT_REPORT} KiB"

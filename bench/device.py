@@ -14,6 +14,7 @@ import subprocess
 from typing import Any, Dict, Iterator, Sequence
 
 from vortadev import device, phone, records, sandbox, scenario
+from vortadev.bubblewrap import BUILT_DAEMON
 from vortadev.device import on_device, partition_path
 from vortadev.records import DUMP_HEADER, LOG_REGIONS, MINIDUMP_REGION, REASON_NODE_REGION, Region
 
@@ -50,7 +51,7 @@ ENVIRONMENT = {  # of the rival
 
 @dataclass(frozen=True)
 class Contender:
-    """What is started as the daemon: a program of the host with its arguments."""
+    """A program of the host with its arguments, timed beside others."""
 
     name: str
     program: Path
@@ -71,7 +72,9 @@ def full_dump(size: int) -> Dict[str, Any]:
 
 
 class Device:
-    def __init__(self, folder: Path, timer: Path, wanted: Dict[str, Any], files: int, loop: bool) -> None:
+    own = Contender("daemon", BUILT_DAEMON, phone.RAINBOW)
+
+    def __init__(self, folder: Path, timer: Path, wanted: Dict[str, Any], files: int = 0, loop: bool = False) -> None:
         self.folder, self.loop, self.timer = folder, loop, timer
         self.known: Dict[str, str] = {}
         shutil.rmtree(folder, ignore_errors=True)
@@ -124,7 +127,7 @@ class Device:
             with open(partition_path(self.folder, partition), "rb") as part:
                 os.posix_fadvise(part.fileno(), 0, 0, os.POSIX_FADV_DONTNEED)
 
-    def boot(self, contender: Contender) -> Dict[str, float]:
+    def run(self, contender: Contender) -> Dict[str, float]:
         """One run from the same state; what the timer noted."""
         self.reset()
         options = sandbox.Options(daemon=contender.program, loop=self.loop, environment=dict(ENVIRONMENT))

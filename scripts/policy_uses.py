@@ -73,9 +73,19 @@ ON_OBJECT = {
     "rmdir": ("rmdir", "write remove_name"),
     "unlink": ("unlink", "write remove_name"),
     "execve": ("getattr open read execute map", ""),
-    "openat statfs fstatfs access faccessat2": ("", ""),  # what they were asked for tells
+    "openat": ("open", ""),
+    "statfs fstatfs access faccessat2": ("", ""),
 }
 FIXED, ON_OBJECT = ({call: row[calls] for calls in row for call in calls.split()} for row in (FIXED, ON_OBJECT))
+# What an open and a question for access ask of the object, by their flags. The kernel checks an appending descriptor
+# for append in the place of write. A file that would be made is taken as new: in some scenario each of them is.
+ASKED = (
+    ("O_RDONLY|O_RDWR|R_OK", "read"),
+    ("O_APPEND", "append"),
+    (r"(O_WRONLY|O_RDWR)\b(?!.*O_APPEND)|W_OK", "write"),
+    ("X_OK", "execute"),
+    ("O_CREAT", "create"),
+)
 
 
 def phone_path(path):
@@ -118,10 +128,6 @@ def trace(name):
     for pid in found:  # grows
         found += re.findall(r"^(?:clone3?|v?fork)\(.*\) = \d+ /\* (\d+) in strace's PID NS", traces[pid], re.MULTILINE)
     return name, "\n".join(traces[pid] for pid in found)
-
-
-def trace_all(pool):
-    return list(pool.map(trace, scenario.shipped()))
 
 
 class Uses:
@@ -224,27 +230,15 @@ class Uses:
         own, folder = ON_OBJECT[name]
         self.use(target, tclass, own)
         self.use(parent, "dir", folder)
-        if name == "openat":
-            self.open(arguments, target, tclass, parent)
-        elif name == "execve":
+        for flags, permission in ASKED:
+            if re.search(flags, arguments):
+                self.use(target, tclass, permission)
+        if "O_CREAT" in arguments:
+            self.use(parent, "dir", "write add_name")
+        if name == "execve":
             # init's transition enters the program of the service; all others stay in the domain.
             self.use(target, "file", "entrypoint" if target == "vorta_exec" else "execute_no_trans")
         elif name == "mkdir":
             self.folders.add(there)
         elif name in ("statfs", "fstatfs"):
             self.use("labeledfs", "filesystem", "getattr")
-        elif name in ("access", "faccessat2"):
-            for mode, permission in (("R_OK", "read"), ("W_OK", "write"), ("X_OK", "execute")):
-                if mode in arguments:
-                    self.use(target, tclass, permission)
-
-    def open(self, arguments, target, tclass, parent):
-        if "O_CREAT" in arguments:  # taken as new: in some scenario each of them is
-            self.use(parent, "dir", "write add_name")
-            self.use(target, tclass, "create")
-        self.use(target, tclass, "open")
-        if "O_WRONLY" not in arguments:
-            self.use(target, tclass, "read")
-        if "O_WRONLY" in arguments or "O_RDWR" in arguments:
-            # The kernel checks an appending descriptor for append in the place of write.
-            self.use(target, tclass, "append" if "O_APPEND" in arguments else "write")

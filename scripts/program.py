@@ -47,9 +47,3 @@ def run(*command: str | Path, env: dict[str, str] | None = None) -> None:
     )
     if done.returncode != 0:
         sys.exit(f"{done.stdout}{NAME}: {' '.join(map(str, command))} failed")
-
-
-def progress(told: str) -> None:
-    """One line on a terminal, each in the place of the one before; an empty one clears it."""
-    if sys.stderr.isatty():
-        print(f"\r{told:60}" + ("" if told else "\r"), end="", file=sys.stderr, flush=True)

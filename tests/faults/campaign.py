@@ -18,11 +18,12 @@ from typing import Dict, FrozenSet, Hashable, List, NamedTuple, Sequence, Tuple
 from vortadev import check, device as devices, sandbox
 from vortadev.bubblewrap import BUILT_DAEMON
 from vortadev.phone import TMP_SUFFIX
+from vortadev.terminal import progress
 
 from boots import LOGS, SCENARIOS, read
 from calls import MEMORY, POWER, Call, Strike, affected_by, of_daemon, parse, strikes, thinned
 from invariants import CUT, FAULT, NEXT, Boot, Broken, Case, errors, judge, load_hazards
-from program import ROOT, CommandLine, need, place_for, progress
+from program import ROOT, CommandLine, need, place_for
 from state import Device, State
 from storage import after_cut, storage_after
 
@@ -77,9 +78,7 @@ class Campaign:
                 raise SystemExit("--only: no case has such a name; expected a part of one like panic:fsync:1:EIO:once")
             outcomes: List[Outcome] = []
             with ThreadPoolExecutor(self.options.jobs) as pool:
-                for outcome in pool.map(self.try_case, cases):
-                    outcomes.append(outcome)
-                    progress(f"{len(outcomes)} of {len(cases)}" if len(outcomes) < len(cases) else "")
+                outcomes += progress(pool.map(self.try_case, cases), len(cases), "cases")
         return self.report(sorted(outcomes))
 
     def prepare(self, name: str) -> Boot:

@@ -152,8 +152,12 @@ def unread(phone: Phone) -> Iterator[Attention]:
 
 
 RULES: Sequence[Rule] = (unfinished, waiting, restless, repeated, logs, history, no_folder, clock, full, unread)
-# What weighs most comes first: a narrow terminal has no room for more.
-ORDER = "cut open waiting restless repeated tmp log no-line no-folder history clock storage unread".split()
+# What weighs most comes first, on a phone and among phones: what can still be saved, then phones that keep going down.
+ORDER = "waiting restless repeated shared unread cut open tmp log storage no-line no-folder history clock".split()
+
+
+def urgency(found: Sequence[Attention]) -> int:
+    return min((ORDER.index(one.rule) for one in found), default=len(ORDER))
 
 
 def of_phone(phone: Phone) -> Tuple[Attention, ...]:

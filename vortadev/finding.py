@@ -28,11 +28,14 @@ class Source:
 def sources(paths: Iterable[Path], problems: List[str]) -> List[Source]:
     """The phones below the paths, each once and no two with the same name; where nothing was found is a problem."""
     found: List[Source] = []
+    unread: List[Source] = []
     for path in paths:
         try:
             found += below(path, DEPTH, problems) if path.is_dir() else [file_source(path)]
         except DeviceError as error:
             problems.append(str(error).partition("; --as")[0])  # which is an option of show
+            unread.append(Source(printable(str(path)), path))
+    found += unread if found else []  # beside others its row says what is wrong
     once = list({source.path.resolve(): source for source in reversed(found)}.values())[::-1]  # as found first
     names = Counter(source.name for source in once)
     return [replace(one, name=path_name(one.path)) if names[one.name] > 1 else one for one in once]
@@ -67,9 +70,8 @@ def below(folder: Path, depth: int, problems: List[str]) -> List[Source]:
         path, before = folder / name, len(problems)
         try:
             inside = below(path, depth - 1, problems) if is_folder else []
-        except DeviceError as error:
-            inside = []
-            problems.append(str(error))
+        except DeviceError:
+            inside = [Source(printable(name), path)]  # its row says what is wrong
         if len(inside) == 1 and name not in COMMON_NAMES:  # the folder around a phone is called as it
             inside = [replace(inside[0], name=printable(name))]
         if is_folder and not inside and depth == DEPTH and len(problems) == before:

@@ -12,6 +12,7 @@ from typing import BinaryIO, Dict, NamedTuple
 
 from .errors import DeviceError
 from .phone import RECORD_TIME
+from .records import LOG_REGIONS
 
 # What this system does not have, it does not need.
 OPEN_FLAGS = os.O_RDONLY
@@ -19,7 +20,7 @@ for flag in ("O_NONBLOCK", "O_NOFOLLOW", "O_CLOEXEC", "O_NOCTTY", "O_BINARY"):
     OPEN_FLAGS |= getattr(os, flag, 0)
 # What vorta and init name so, among names of other software.
 OWN_NAME = re.compile(
-    rf"{RECORD_TIME.pattern}(-fulldump\.bin)?|(last_)?xbl_abl(_tmp)?|(last_kmsg|tz_log)(_tmp)?"
+    rf"{RECORD_TIME.pattern}(-fulldump\.bin)?|({'|'.join(LOG_REGIONS)})(_tmp)?"
     r"|rawdump\.bin|tmp\.bin|DONE|history\.log|dumplog|fulldumplog",
     re.ASCII,
 )

@@ -17,6 +17,7 @@ from typing import Callable, Deque, Dict, Iterator, List, Optional, Sequence
 from . import attention, finding, gather, lines, page, terminal
 from .errors import DeviceError
 from .evidence import Attention, Phone, State, Totals
+from .extract import new_file
 from .options import checked, local_time, number
 from .terminal import complain, say
 
@@ -87,7 +88,7 @@ def make(arguments: argparse.Namespace) -> int:
     totals, rows = Totals(), []
     with ExitStack() as stack:
         write_line = stack.enter_context(writer(arguments.jsonl)) if arguments.jsonl else None
-        write_page = stack.enter_context(writer(arguments.html)) if arguments.html else None
+        write_page = stack.enter_context(writer(arguments.html, whole=True)) if arguments.html else None
         read = read_all(sources, arguments.since, arguments.jobs or os.cpu_count() or 1)
         for phone in terminal.progress(read, len(sources), "phones"):
             if write_line:
@@ -95,7 +96,7 @@ def make(arguments: argparse.Namespace) -> int:
             totals.add(phone)
             rows.append(row_of(phone, bool(write_page)))
         add_shared(rows, totals)
-        rows.sort(key=lambda row: (-len(row.phone.attentions), -row.unexpected, row.phone.name))
+        rows.sort(key=lambda row: (attention.urgency(row.phone.attentions), -row.unexpected, row.phone.name))
         if write_page:
             for part in page.render([row.phone for row in rows], totals, datetime.now()):
                 write_page(part)
@@ -105,17 +106,21 @@ def make(arguments: argparse.Namespace) -> int:
 
 
 @contextmanager
-def writer(path: str) -> Iterator[Callable[[str], object]]:
+def writer(path: str, whole: bool = False) -> Iterator[Callable[[str], object]]:
+    """What is to be `whole` takes the place of an earlier file when it is."""
     if path == "-":
         yield say
-        return
-    try:
-        with open(path, "w", encoding="utf-8", newline="\n") as file:
-            yield file.write
-    except BrokenPipeError:
-        raise
-    except OSError as error:
-        raise DeviceError(f"cannot write {path}: {error.strerror}") from error
+    elif whole and (os.path.isfile(path) or not os.path.lexists(path)):
+        with new_file(Path(path)) as target:
+            yield lambda text: target.write(text.encode("utf-8"))
+    else:
+        try:
+            with open(path, "w", encoding="utf-8", newline="\n") as file:
+                yield file.write
+        except BrokenPipeError:
+            raise
+        except OSError as error:
+            raise DeviceError(f"cannot write {path}: {error.strerror}") from error
 
 
 def read_all(sources: Sequence[finding.Source], since: Optional[datetime], jobs: int) -> Iterator[Phone]:
@@ -137,7 +142,7 @@ def add_shared(rows: List[Row], totals: Totals) -> None:
     """Crashes that several phones had."""
     for row, found in zip(rows, attention.shared([row.crashes for row in rows])):
         totals.attention += bool(found and not row.phone.attentions)
-        row.phone = replace(row.phone, attentions=row.phone.attentions + found)
+        row.phone = replace(row.phone, attentions=(*row.phone.attentions, *found))
 
 
 # The table

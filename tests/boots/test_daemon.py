@@ -122,6 +122,17 @@ def test_minidump_without_its_packed_file_waits(make_phone: MakePhone, scratch: 
     assert waiting == now
 
 
+@pytest.mark.skipif(options().emulator is not None, reason="strace is one of this machine")
+def test_full_dump_that_cannot_be_read_waits(make_phone: MakePhone) -> None:
+    phone = make_phone(scenario.load("full-dump"))
+    behind_header = ("-P", "/dev/block/by-name/userdata", "-e", "inject=read:error=EIO:when=2+")
+    boot = phone.boot(**traced("-o", "/dev/null", *behind_header))
+    assert boot.run.log.endswith("E vorta: [DumpFileUpdate] PartToEmmc return fail\n")
+    assert [path.stat().st_size for path in (phone / FULLDUMPLOG).iterdir()] == [0]
+    waiting, now = (state.partitions["userdata"].read(0x1000000, 56) for state in (boot.before, boot.after))
+    assert waiting == now
+
+
 @pytest.mark.parametrize(
     "arguments, fields",
     [

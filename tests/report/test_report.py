@@ -82,7 +82,7 @@ def test_status_and_table(tmp_path: Path) -> None:
     assert worst.startswith("cut ") and best.startswith("whole ") and "\x1b" not in out
     end = "2 phones, 2 boots, 1 unexpected; 1 collection: 1 cut; 1 phone needs attention"
     assert totals == end and "rawdump.bin ends early" in worst
-    assert run(whole, tmp_path / "none")[0] == 0
+    assert run(whole, tmp_path / "none")[0] == 1
 
 
 @pytest.mark.parametrize(

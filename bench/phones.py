@@ -1,5 +1,5 @@
-"""Folders as they are pulled from a fleet, for the benchmark: two phones that lived, and others whose files are links to
-theirs."""
+"""Folders as they are pulled from a fleet, for the benchmark: two phones that lived, and others whose files are links
+to theirs."""
 
 from __future__ import annotations
 

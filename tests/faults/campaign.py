@@ -4,15 +4,14 @@ again without faults, and a boot after a cut is cut as well."""
 from __future__ import annotations
 
 from collections import Counter
-from concurrent.futures import ThreadPoolExecutor
 import json
+import multiprocessing
 import os
 from pathlib import Path
 import re
 import subprocess
 import sys
 import tempfile
-import threading
 from typing import Dict, FrozenSet, Hashable, List, NamedTuple, Sequence, Tuple
 
 from vortadev import check, device as devices, sandbox
@@ -53,7 +52,13 @@ class Campaign:
         add = parser.add_argument
         add("--short", action="store_true", help="a sample, for every day")
         add("--only", default="", metavar="REGEX", help="all cases whose name matches, and no others")
-        add("--jobs", type=int, default=2, metavar="N", help="runs side by side (2)")
+        add(
+            "--jobs",
+            type=int,
+            default=2 * (os.cpu_count() or 1),
+            metavar="N",
+            help="runs side by side (two a processor)",
+        )
         add("--daemon", type=Path, metavar="PROGRAM", default=daemon, help="e.g. build/asan/vorta (build/host/vorta)")
         add("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json", help="the result for programs")
         self.program, self.options = program, parser.parse_args(sys.argv[2:])
@@ -69,16 +74,17 @@ class Campaign:
 
     def run(self) -> int:
         """In memory where there is such a file system: the daemon writes through to storage. Gives the exit status."""
+        global _campaign
         memory = Path("/dev/shm")
         with tempfile.TemporaryDirectory(prefix="vf-", dir=memory if memory.is_dir() else None) as folder:
-            self.scratch = Path(folder)
+            self.scratch, _campaign = Path(folder), self
             self.boots = {name: self.prepare(name) for name in SCENARIOS}
             cases = [case for boot in self.boots.values() for case in self.plan(boot)]
             if not cases:
                 raise SystemExit("--only: no case has such a name; expected a part of one like panic:fsync:1:EIO:once")
             outcomes: List[Outcome] = []
-            with ThreadPoolExecutor(self.options.jobs) as pool:
-                outcomes += progress(pool.map(self.try_case, cases), len(cases), "cases")
+            with multiprocessing.get_context("fork").Pool(self.options.jobs) as pool:
+                outcomes += progress(pool.imap_unordered(try_case, cases, chunksize=8), len(cases), "cases")
         return self.report(sorted(outcomes))
 
     def prepare(self, name: str) -> Boot:
@@ -124,7 +130,7 @@ class Campaign:
 
     def try_case(self, case: Strike) -> Outcome:
         boot, tried = self.boots[case.boot], Counter({"cuts" if self.cuts else "faults": 1})
-        device = boot.template.copy_to(self.scratch / str(threading.get_ident()) / "first")
+        device = boot.template.copy_to(self.scratch / str(os.getpid()) / "first")
         run, broken = strike(case, boot.calls, device)
         struck = struck_by(case, boot)
         if self.cuts:
@@ -201,6 +207,15 @@ class Campaign:
         result = {"boots": self.counts, "broken": [case._asdict() for case in broken], "known": known, "stale": stale}
         self.options.json.write_text(json.dumps(result, indent=2) + "\n")
         return 1 if broken or stale else 0
+
+
+_campaign: Campaign
+
+
+def try_case(case: Strike) -> Outcome:
+    """In a process of its own, which has the campaign from the one that it was forked from: in threads all would wait
+    for the one that compares."""
+    return _campaign.try_case(case)
 
 
 def strike(case: Strike, calls: Sequence[Call], device: Device) -> Tuple[sandbox.Run, List[Broken]]:

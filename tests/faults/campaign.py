@@ -49,16 +49,10 @@ class Campaign:
     def __init__(self, program: str) -> None:
         parser = CommandLine(f"scripts/{program}", __doc__)
         daemon = Path(os.environ.get("VORTA_DAEMON", BUILT_DAEMON))
-        add = parser.add_argument
+        add, jobs = parser.add_argument, 2 * (os.cpu_count() or 1)
         add("--short", action="store_true", help="a sample, for every day")
         add("--only", default="", metavar="REGEX", help="all cases whose name matches, and no others")
-        add(
-            "--jobs",
-            type=int,
-            default=2 * (os.cpu_count() or 1),
-            metavar="N",
-            help="runs side by side (two a processor)",
-        )
+        add("--jobs", type=int, default=jobs, metavar="N", help=f"runs side by side ({jobs})")
         add("--daemon", type=Path, metavar="PROGRAM", default=daemon, help="e.g. build/asan/vorta (build/host/vorta)")
         add("--json", type=Path, metavar="FILE", default=ROOT / f"build/{program}.json", help="the result for programs")
         self.program, self.options = program, parser.parse_args(sys.argv[2:])

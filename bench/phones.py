@@ -40,7 +40,7 @@ class Fleet:
             kinds = lived.told["kinds"]
             kinds["crash"] = {**kinds["panic"], "base": "kernel-panic"}  # its minidump packs as badly as a real one
             for step in story.split(", "):
-                lived.step(step)
+                lived.boot(step.split())
             shutil.copytree(lived.on_data(phone.RELIABILITY), kept)
         return kept
 

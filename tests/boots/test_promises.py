@@ -18,7 +18,14 @@ from vortadev import scenario
 
 # What a scenario cannot say: how it is booted, and folders that are not there.
 NO_FLUSH = traced("-o", "/dev/null", "-e", "trace=fsync", "-e", "inject=fsync:error=EIO")
-OPTIONS: Dict[str, Dict[str, Any]] = {"data-read-only": {"read_only_data": True}, "flush-fails": NO_FLUSH}
+NO_RECORD = traced("-o", "/dev/null", "-P", "/dev/block/by-name/rawdump", "-e", "inject=write:error=EIO")
+NO_SEEK = traced("-o", "/dev/null", "-P", f"/{DUMPLOG}/history.log", "-e", "inject=lseek:error=EIO")
+OPTIONS: Dict[str, Dict[str, Any]] = {
+    "data-read-only": {"read_only_data": True},
+    "flush-fails": NO_FLUSH,
+    "record-cannot-be-written": NO_RECORD,
+    "history-cannot-be-extended": NO_SEEK,
+}
 MISSING = {"dump-folder-missing": DUMPLOG, "full-dump-folder-missing": FULLDUMPLOG}
 
 ALL = [*scenario.shipped(), *(str(file) for file in sorted(VARIATIONS.glob("*.json")))]

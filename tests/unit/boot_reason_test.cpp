@@ -64,6 +64,7 @@ TEST(PowerOnLog, ReasonOfTheLatestRecord) {
         {"no line feed", "Reset Trigger: PS_HOLD" + end, 2, "unknown"},
         {"trigger as last word", "Reset Trigger" + end, 2, "unknown"},
         {"boot loader dump", older + "Reset Trigger: PS_HOLD\n" + end, 2, "XBL_DUMP_EXCEPTION"},
+        {"count of another word", "warm Reset Count: 3" + end + "Reset Trigger: A\n" + end, 0, "A"},
         {"count in the wrong record", "Warm Reset Count: 3 Reset Trigger: A\n" + end, 0, "A"},
         {"count in the record before the last one", older + end + "Reset Trigger: A\n" + end, 0,
          "A"},
